@@ -1,0 +1,60 @@
+#include "DirectoryUtility.h"
+
+#include "DirectoryWalker.h"
+#include "platform/PasswordDatabase.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <optional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+bool isFinderClutter(const char* name)
+{
+    return std::strcmp(name, ".DS_Store") == 0;
+}
+
+[[noreturn]] void failAssertion(const char* expression, const char* operation, const char* file, int line)
+{
+    std::fprintf(stderr, "*** Assertion failure in %s, %s:%d\n*** Terminating: invalid parameter not satisfying: %s\n",
+                 operation, file, line, expression);
+    std::fflush(stderr);
+    std::abort();
+}
+
+} // namespace
+
+FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::path& path)
+{
+    std::uint64_t totalSize = 0;
+    std::uint32_t filesCount = 0; // unsigned so that the wrap is defined
+    DirectoryWalker::walk(path, [&](const WalkEntry& entry) {
+        // A ".DS_Store" folder is itself skipped but still walked into, as the deep walk does.
+        if (entry.isDirectory || isFinderClutter(entry.name) || isAliasFile(entry.parentFd, entry.name))
+            return WalkAction::Continue;
+        struct stat st {};
+        if (::fstatat(entry.parentFd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+            return WalkAction::Continue; // vanished since it was listed: not counted
+        totalSize += static_cast<std::uint64_t>(st.st_size);
+        ++filesCount;
+        return WalkAction::Continue;
+    });
+    return FolderMeasure{totalSize, static_cast<std::int32_t>(filesCount)};
+}
+
+std::string DirectoryUtility::realHomeDirectory(const PasswordDatabase& passwords)
+{
+    std::optional<std::string> home = passwords.homeDirectoryOfUser(::getuid());
+    if (!home)
+        failAssertion("pw", "+[NSFileManager(DirectoryUtility) realHomeDirectory]", "Helpers/CocoaAdditions", 76);
+    return *home;
+}
+
+bool DirectoryUtility::isAliasFile(int /*parentFd*/, const char* /*name*/)
+{
+    return false;
+}

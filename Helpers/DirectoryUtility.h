@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+class PasswordDatabase;
+
+// Size and file count of a folder tree, as the backup list and the inspector show them.
+struct FolderMeasure {
+    std::uint64_t totalSize = 0;     // bytes of every counted item, st_size of the item itself
+    std::int32_t totalFilesCount = 0; // wraps past 2^31 - 1, like the count it mirrors
+};
+
+// File-manager utilities: the folder measure and the real home folder.
+class DirectoryUtility {
+public:
+    // Walks the whole tree (hidden entries included) and counts every item that is not a folder:
+    // regular files, symbolic links (never followed) and special files, except items named ".DS_Store"
+    // and alias files. A missing or unreadable folder measures 0 bytes and 0 files.
+    static FolderMeasure sizeForDirectoryAtPath(const std::filesystem::path& path);
+
+    // The home folder of the process's real user from the password database, not from $HOME: the
+    // environment can point elsewhere, while this must name the folder that holds the user's documents.
+    // Ends the program through an assertion failure when the user has no entry.
+    static std::string realHomeDirectory(const PasswordDatabase& passwords);
+
+    // Finder alias files do not exist on this platform, so nothing is one.
+    static bool isAliasFile(int parentFd, const char* name);
+};

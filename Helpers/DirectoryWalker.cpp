@@ -1,0 +1,212 @@
+#include "DirectoryWalker.h"
+
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int kOpenFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+struct Frame {
+    int fd = -1;
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::string name; // empty for the root
+    std::vector<std::string> subfolders;
+    std::size_t next = 0;
+
+    bool hasPendingSubfolders() const { return next < subfolders.size(); }
+};
+
+class Walk {
+public:
+    Walk(const DirectoryWalker::Visitor& visit, const DirectoryWalker::ErrorHandler& onError,
+         std::filesystem::path root)
+        : m_visit(visit)
+        , m_onError(onError)
+        , m_root(std::move(root))
+    {
+    }
+
+    ~Walk()
+    {
+        for (Frame& frame : m_stack)
+            closeFrame(frame);
+    }
+
+    bool run()
+    {
+        int rootFd = ::open(m_root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (rootFd < 0) {
+            report("open", {}, errno);
+            return false;
+        }
+        if (!pushFrame(rootFd, {}))
+            return true;
+        while (!m_stack.empty() && !m_stopped)
+            step();
+        return true;
+    }
+
+private:
+    void step()
+    {
+        Frame& top = m_stack.back();
+        if (!top.hasPendingSubfolders()) {
+            popFrame();
+            return;
+        }
+        const std::string& name = top.subfolders[top.next++];
+        int childFd = ::openat(top.fd, name.c_str(), kOpenFolderFlags);
+        if (childFd < 0) {
+            // Vanished, unreadable, or replaced by a file or a link since it was listed.
+            report("openat", name, errno);
+            return;
+        }
+        pushFrame(childFd, name);
+    }
+
+    bool pushFrame(int fd, std::string name)
+    {
+        struct stat st {};
+        if (::fstat(fd, &st) != 0) {
+            report("fstat", name, errno);
+            ::close(fd);
+            return false;
+        }
+        m_stack.push_back(Frame{fd, st.st_dev, st.st_ino, std::move(name), {}, 0});
+        ++m_heldDescriptors;
+        releaseShallowDescriptors();
+        readFolder(m_stack.back());
+        return true;
+    }
+
+    void readFolder(Frame& frame)
+    {
+        int listFd = ::dup(frame.fd);
+        DIR* dir = listFd < 0 ? nullptr : ::fdopendir(listFd);
+        if (!dir) {
+            report("fdopendir", {}, errno);
+            if (listFd >= 0)
+                ::close(listFd);
+            return;
+        }
+        const int depth = static_cast<int>(m_stack.size());
+        errno = 0;
+        while (dirent* ent = ::readdir(dir)) {
+            if (isDotOrDotDot(ent->d_name))
+                continue;
+            bool isDirectory = false;
+            if (!entryIsDirectory(frame.fd, ent, isDirectory))
+                continue;
+            WalkAction action = m_visit(WalkEntry{frame.fd, ent->d_name, isDirectory, depth});
+            if (action == WalkAction::Stop) {
+                m_stopped = true;
+                break;
+            }
+            if (isDirectory && action == WalkAction::Continue)
+                frame.subfolders.emplace_back(ent->d_name);
+            errno = 0;
+        }
+        if (errno != 0 && !m_stopped)
+            report("readdir", {}, errno);
+        ::closedir(dir);
+    }
+
+    bool entryIsDirectory(int parentFd, const dirent* ent, bool& isDirectory)
+    {
+        if (ent->d_type != DT_UNKNOWN) {
+            isDirectory = ent->d_type == DT_DIR;
+            return true;
+        }
+        struct stat st {};
+        if (::fstatat(parentFd, ent->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            report("fstatat", ent->d_name, errno);
+            return false;
+        }
+        isDirectory = S_ISDIR(st.st_mode);
+        return true;
+    }
+
+    void popFrame()
+    {
+        Frame child = std::move(m_stack.back());
+        m_stack.pop_back();
+        // Reopened even without pending sub-folders: its own parent may need it to come back in turn.
+        if (!m_stack.empty() && m_stack.back().fd < 0)
+            reopenParent(child);
+        closeFrame(child);
+    }
+
+    // Comes back to a folder whose descriptor was released, through the child's "..". The device and
+    // inode check catches a folder that was moved meanwhile; its remaining sub-folders are then given up.
+    void reopenParent(const Frame& child)
+    {
+        Frame& parent = m_stack.back();
+        int fd = child.fd < 0 ? -1 : ::openat(child.fd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        struct stat st {};
+        if (fd >= 0 && ::fstat(fd, &st) == 0 && st.st_dev == parent.device && st.st_ino == parent.inode) {
+            parent.fd = fd;
+            ++m_heldDescriptors;
+            releaseShallowDescriptors();
+            return;
+        }
+        if (fd >= 0)
+            ::close(fd);
+        report("openat", "..", fd < 0 ? errno : ESTALE);
+        parent.next = parent.subfolders.size();
+    }
+
+    void releaseShallowDescriptors()
+    {
+        for (std::size_t i = 0; m_heldDescriptors > DirectoryWalker::kMaxHeldDescriptors && i + 1 < m_stack.size();
+             ++i) {
+            if (m_stack[i].fd >= 0)
+                closeFrame(m_stack[i]);
+        }
+    }
+
+    void closeFrame(Frame& frame)
+    {
+        if (frame.fd >= 0) {
+            ::close(frame.fd);
+            frame.fd = -1;
+            --m_heldDescriptors;
+        }
+    }
+
+    void report(const char* operation, const std::string& name, int code)
+    {
+        if (!m_onError)
+            return;
+        std::filesystem::path path = m_root;
+        for (std::size_t i = 1; i < m_stack.size(); ++i)
+            path /= m_stack[i].name;
+        if (!name.empty())
+            path /= name;
+        m_onError(FsError{operation, path, code});
+    }
+
+    static bool isDotOrDotDot(const char* name)
+    {
+        return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+    }
+
+    const DirectoryWalker::Visitor& m_visit;
+    const DirectoryWalker::ErrorHandler& m_onError;
+    std::filesystem::path m_root;
+    std::vector<Frame> m_stack;
+    std::size_t m_heldDescriptors = 0;
+    bool m_stopped = false;
+};
+
+} // namespace
+
+bool DirectoryWalker::walk(const std::filesystem::path& root, const Visitor& visit, const ErrorHandler& onError)
+{
+    return Walk(visit, onError, root).run();
+}

@@ -1,0 +1,75 @@
+#include "HomeFolderAcquisition.h"
+
+#include "Helpers/DirectoryUtility.h"
+#include "Helpers/Localizer.h"
+#include "app/iCloudPrefs.h"
+#include "platform/Bookmark.h"
+#include "platform/FolderChooser.h"
+#include "platform/UserDefaults.h"
+
+#include <QFile>
+
+HomeFolderAcquisition::HomeFolderAcquisition(UserDefaults& defaults, FolderChooser& chooser,
+                                             const PasswordDatabase& passwords)
+    : m_defaults(defaults)
+    , m_chooser(chooser)
+    , m_passwords(passwords)
+{
+}
+
+bool HomeFolderAcquisition::isSandboxedHome(const QString& processHome)
+{
+    const qsizetype components = 1 + processHome.split(QLatin1Char('/'), Qt::SkipEmptyParts).size();
+    return components > 3;
+}
+
+QString HomeFolderAcquisition::mobileDocumentsDirectory(const QString& homeDirectory)
+{
+    QString path = homeDirectory;
+    if (!path.endsWith(QLatin1Char('/')))
+        path += QLatin1Char('/');
+    return path + QStringLiteral("Library/Mobile Documents");
+}
+
+HomeFolderOutcome HomeFolderAcquisition::run(bool sandboxed, const QString& processHome)
+{
+    if (!sandboxed)
+        return HomeFolderOutcome{processHome, false};
+    // This platform has no security-scoped access to open: a resolved folder is simply used.
+    if (iCloudPrefs::isFirstLaunch(m_defaults))
+        return askOnFirstLaunch();
+    return resolveStoredBookmark();
+}
+
+HomeFolderOutcome HomeFolderAcquisition::askOnFirstLaunch()
+{
+    // Cleared before asking, so the question comes once whatever the answer.
+    iCloudPrefs::setFirstLaunch(m_defaults, false);
+    const std::optional<QString> chosen =
+        m_chooser.chooseFolder(Localizer::localizedStringForKey(QStringLiteral("openPanelTitle")));
+    if (!chosen)
+        return {};
+    const QString realHome = QFile::decodeName(DirectoryUtility::realHomeDirectory(m_passwords).c_str());
+    if (*chosen != realHome)
+        return HomeFolderOutcome{std::nullopt, true};
+    storeBookmark(*chosen);
+    return HomeFolderOutcome{chosen, false};
+}
+
+HomeFolderOutcome HomeFolderAcquisition::resolveStoredBookmark()
+{
+    const std::optional<QByteArray> data = m_defaults.dataForKey(iCloudPrefs::kHomeDirBookmarkDataKey);
+    if (!data)
+        return {};
+    const std::optional<std::filesystem::path> folder = Bookmark::resolve(data->toStdString());
+    if (!folder)
+        return {};
+    return HomeFolderOutcome{QFile::decodeName(folder->c_str()), false};
+}
+
+void HomeFolderAcquisition::storeBookmark(const QString& folder)
+{
+    const std::optional<std::string> data = Bookmark::create(QFile::encodeName(folder).toStdString());
+    if (data) // a failed bookmark is not stored; the folder is still used for this launch
+        m_defaults.setDataForKey(QByteArray::fromStdString(*data), iCloudPrefs::kHomeDirBookmarkDataKey);
+}

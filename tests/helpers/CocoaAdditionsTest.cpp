@@ -1,0 +1,35 @@
+#include "Helpers/CocoaAdditions.h"
+#include "support/TestHome.h"
+
+#include <cerrno>
+#include <gtest/gtest.h>
+#include <sys/statvfs.h>
+
+namespace {
+
+TEST(FreeSpaceTest, IsTheSpaceAvailableToTheUserOnThePathsVolume)
+{
+    TestHome home;
+    FsError error;
+    const std::int64_t free = CocoaAdditions::determineFreeSpaceOnDeviceByPath(home.path(), &error);
+    struct statvfs fs {};
+    ASSERT_EQ(::statvfs(home.path().c_str(), &fs), 0);
+    const auto expected = static_cast<std::int64_t>(fs.f_bavail * fs.f_frsize);
+    EXPECT_EQ(error.code, 0);
+    // Other processes write to the same disk meanwhile: allow a few megabytes of drift.
+    EXPECT_NEAR(static_cast<double>(free), static_cast<double>(expected), 64.0 * 1024 * 1024);
+    EXPECT_GT(free, 0);
+}
+
+TEST(FreeSpaceTest, AFailureIsAnErrorNotZeroBytesFree)
+{
+    FsError error;
+    const std::int64_t free =
+        CocoaAdditions::determineFreeSpaceOnDeviceByPath("/nonexistent/pelmora/volume", &error);
+    EXPECT_EQ(free, 0);
+    EXPECT_EQ(error.code, ENOENT);
+    EXPECT_EQ(error.path, "/nonexistent/pelmora/volume");
+    EXPECT_EQ(CocoaAdditions::determineFreeSpaceOnDeviceByPath("/nonexistent/pelmora/volume", nullptr), 0);
+}
+
+} // namespace

@@ -1,0 +1,52 @@
+#include "platform/Bookmark.h"
+#include "support/TestHome.h"
+#include "support/TreeBuilder.h"
+
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+TEST(BookmarkTest, ResolvesBackToTheFolderWhileItIsThere)
+{
+    TestHome home;
+    const fs::path folder = home.path() / std::string("Hom\xe9");
+    TreeBuilder::makeFolder(folder);
+
+    const std::optional<std::string> data = Bookmark::create(folder);
+    ASSERT_TRUE(data.has_value());
+    EXPECT_EQ(Bookmark::resolve(*data), folder);
+}
+
+TEST(BookmarkTest, FailsWhenTheFolderIsGoneOrReplaced)
+{
+    TestHome home;
+    const fs::path folder = home.path() / "chosen";
+    TreeBuilder::makeFolder(folder);
+    const std::string data = Bookmark::create(folder).value();
+
+    fs::remove(folder);
+    EXPECT_FALSE(Bookmark::resolve(data).has_value());
+
+    TreeBuilder::makeFolder(home.path() / "placeholder"); // keeps the old inode number from coming back
+    TreeBuilder::makeFolder(folder);
+    EXPECT_FALSE(Bookmark::resolve(data).has_value()) << "a new folder under the old name is another folder";
+
+    TreeBuilder::removeTree(folder);
+    TreeBuilder::writeFile(folder, "now a file");
+    EXPECT_FALSE(Bookmark::resolve(data).has_value());
+}
+
+TEST(BookmarkTest, RejectsDataItDidNotMake)
+{
+    TestHome home;
+    const std::string data = Bookmark::create(home.path()).value();
+    EXPECT_FALSE(Bookmark::resolve("").has_value());
+    EXPECT_FALSE(Bookmark::resolve("garbage that is long enough to pass the header").has_value());
+    EXPECT_FALSE(Bookmark::resolve(data.substr(0, 12)).has_value());
+    EXPECT_FALSE(Bookmark::create(home.path() / "missing").has_value());
+    EXPECT_FALSE(Bookmark::create("relative/folder").has_value());
+}
+
+} // namespace
