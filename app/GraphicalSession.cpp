@@ -1,5 +1,7 @@
 #include "GraphicalSession.h"
 
+#include <QByteArray>
+#include <QString>
 #include <QtGlobal>
 #include <cstdio>
 #include <cstdlib>
@@ -23,7 +25,7 @@ void startupHandler(QtMsgType type, const QMessageLogContext& context, const QSt
         ::_exit(GraphicalSession::kExitCode);
     }
     // Qt's own chatter about the display it could not reach is replaced by the one line above.
-    if (context.category && qstrcmp(context.category, "qt.qpa.xcb") == 0)
+    if (context.category && qstrncmp(context.category, "qt.qpa", 6) == 0)
         return;
     if (previousHandler)
         previousHandler(type, context, message);

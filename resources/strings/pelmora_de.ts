@@ -1,0 +1,298 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="de">
+<context>
+    <name>Localizable</name>
+    <message>
+        <source>alertBackupNotFoundInformativeText</source>
+        <translation>Der Sicherungsordner wurde möglicherweise verschoben, umbenannt oder gelöscht.</translation>
+    </message>
+    <message>
+        <source>alertBackupNotFoundMessage</source>
+        <translation>Sicherung nicht gefunden</translation>
+    </message>
+    <message>
+        <source>alertBadDirectoryInformativeText</source>
+        <translation>Pelmora benötigt Zugriff auf Ihren persönlichen Ordner, um Ihren iCloud-Ordner zu finden. Starten Sie die Sicherung erneut und wählen Sie Ihren persönlichen Ordner aus.</translation>
+    </message>
+    <message>
+        <source>alertBadDirectoryWarningMessage</source>
+        <translation>Ihr persönlicher Ordner wurde nicht ausgewählt.</translation>
+    </message>
+    <message>
+        <source>alertConfirmInformativeText</source>
+        <translation>Der Sicherungsordner wird mit seinem gesamten Inhalt endgültig gelöscht. Dieser Vorgang kann nicht rückgängig gemacht werden.</translation>
+    </message>
+    <message>
+        <source>alertContinueInformativeText</source>
+        <translation>Der aktuelle Inhalt Ihres iCloud-Ordners wird durch den Inhalt der Sicherung ersetzt. Dateien, die nicht in der Sicherung enthalten sind oder sich seit ihrer Erstellung geändert haben, werden entfernt. Möchten Sie fortfahren?</translation>
+    </message>
+    <message>
+        <source>alertDeleteBackupMessage</source>
+        <translation>Möchten Sie die ausgewählte Sicherung wirklich löschen?</translation>
+    </message>
+    <message>
+        <source>alertNoBackupSelectedInformativeText</source>
+        <translation>Wählen Sie in der Liste die Sicherung aus, die Sie wiederherstellen möchten, und versuchen Sie es dann erneut.</translation>
+    </message>
+    <message>
+        <source>alertNoBackupSelectedWarningMessage</source>
+        <translation>Keine Sicherung ausgewählt</translation>
+    </message>
+    <message>
+        <source>alertNotAvailableiCloudInYosemiteWarningMessage</source>
+        <translation>Ihr iCloud-Ordner wurde nicht gefunden. Stellen Sie sicher, dass iCloud Drive aktiviert ist.</translation>
+    </message>
+    <message>
+        <source>alertNotAvailableiCloudInformativeText</source>
+        <translation>Pelmora sucht ihn unter „Library/Mobile Documents“ in Ihrem persönlichen Ordner. Stellen Sie sicher, dass Sie bei iCloud angemeldet sind und dieser Ordner vorhanden ist, und versuchen Sie es dann erneut.</translation>
+    </message>
+    <message>
+        <source>alertNotAvailableiCloudWarningMessage</source>
+        <translation>Ihr iCloud-Ordner wurde nicht gefunden.</translation>
+    </message>
+    <message>
+        <source>alertNotEnoughDiskSpaceToBackUpInfo</source>
+        <translation>Auf dem Datenträger mit Ihren Sicherungen ist nicht genügend freier Speicherplatz für diese Sicherung vorhanden. Geben Sie Speicherplatz frei oder löschen Sie ältere Sicherungen und versuchen Sie es dann erneut.</translation>
+    </message>
+    <message>
+        <source>alertNotEnoughDiskSpaceToRestoreInfo</source>
+        <translation>Auf dem Datenträger mit Ihrem iCloud-Ordner ist nicht genügend freier Speicherplatz vorhanden, um diese Sicherung wiederherzustellen. Geben Sie Speicherplatz frei und stellen Sie die Sicherung dann erneut wieder her.</translation>
+    </message>
+    <message>
+        <source>alertNotEnoughDiskSpaceWarningMessage</source>
+        <translation>Nicht genügend Speicherplatz</translation>
+    </message>
+    <message>
+        <source>alertRestoreWarningMessage</source>
+        <translation>Möchten Sie Ihren iCloud-Ordner aus der ausgewählten Sicherung wiederherstellen?</translation>
+    </message>
+    <message>
+        <source>alertiCloudDriveRequiredMessage</source>
+        <translation>iCloud Drive ist erforderlich, sein Ordner („com~apple~CloudDocs“) wurde in Ihrem iCloud-Ordner jedoch nicht gefunden. Aktivieren Sie iCloud Drive, warten Sie, bis die Einrichtung abgeschlossen ist, und versuchen Sie es dann erneut.</translation>
+    </message>
+    <message>
+        <source>alertiCloudIsBeingBackedUpInfo</source>
+        <translation>Wenn Sie Pelmora jetzt beenden, wird die Sicherung abgebrochen und die unvollständige Sicherung gelöscht.</translation>
+    </message>
+    <message>
+        <source>alertiCloudIsBeingBackedUpMsg</source>
+        <translation>Eine Sicherung wird gerade erstellt. Möchten Sie Pelmora trotzdem beenden?</translation>
+    </message>
+    <message>
+        <source>alertiCloudIsBeingRestoredInfo</source>
+        <translation>Wenn Sie Pelmora jetzt beenden, wird die Wiederherstellung abgebrochen und Ihr iCloud-Ordner bleibt nur teilweise wiederhergestellt.</translation>
+    </message>
+    <message>
+        <source>alertiCloudIsBeingRestoredMsg</source>
+        <translation>Eine Wiederherstellung läuft gerade. Möchten Sie Pelmora trotzdem beenden?</translation>
+    </message>
+    <message>
+        <source>btnTitleBackUp</source>
+        <translation>Sichern</translation>
+    </message>
+    <message>
+        <source>btnTitleBackUpNow</source>
+        <translation>Jetzt sichern</translation>
+    </message>
+    <message>
+        <source>btnTitleDelete</source>
+        <translation>Löschen</translation>
+    </message>
+    <message>
+        <source>btnTitleRestore</source>
+        <translation>Wiederherstellen</translation>
+    </message>
+    <message>
+        <source>button_cancel</source>
+        <translation>Abbrechen</translation>
+    </message>
+    <message>
+        <source>button_dont_ask</source>
+        <translation>Nicht mehr fragen</translation>
+    </message>
+    <message>
+        <source>button_dont_show</source>
+        <translation>Nicht mehr anzeigen</translation>
+    </message>
+    <message>
+        <source>button_no</source>
+        <translation>Nein</translation>
+    </message>
+    <message>
+        <source>button_ok</source>
+        <translation>OK</translation>
+    </message>
+    <message>
+        <source>button_open</source>
+        <translation>Öffnen</translation>
+    </message>
+    <message>
+        <source>button_yes</source>
+        <translation>Ja</translation>
+    </message>
+    <message>
+        <source>contextMenuItemTitleGetInfo</source>
+        <translation>Informationen anzeigen</translation>
+    </message>
+    <message>
+        <source>formatStringBackupContent</source>
+        <translation>App-Ordner: %1, Dateien insgesamt: %2</translation>
+    </message>
+    <message>
+        <source>formatStringCloseApps</source>
+        <translation>Die unten aufgeführten Programme verwenden iCloud. Beenden Sie sie und klicken Sie dann auf „%1“.</translation>
+    </message>
+    <message>
+        <source>labelAllYourBackups</source>
+        <translation>Alle Ihre Sicherungen</translation>
+    </message>
+    <message>
+        <source>labelBackupContent</source>
+        <translation>Inhalt der Sicherung</translation>
+    </message>
+    <message>
+        <source>labelCurrentlyIniCloud</source>
+        <translation>Derzeit in iCloud</translation>
+    </message>
+    <message>
+        <source>labelLastBackup</source>
+        <translation>Letzte Sicherung</translation>
+    </message>
+    <message>
+        <source>labelLastBackupDateNever</source>
+        <translation>Nie</translation>
+    </message>
+    <message>
+        <source>menuItemTitleBackup</source>
+        <translation>Sicherung vom %1</translation>
+    </message>
+    <message>
+        <source>openPanelTitle</source>
+        <translation>Persönlichen Ordner auswählen</translation>
+    </message>
+    <message>
+        <source>operationCanceling</source>
+        <translation>Wird abgebrochen…</translation>
+    </message>
+    <message>
+        <source>operationCopyingDataFromiCloud</source>
+        <translation>Daten werden aus iCloud kopiert…</translation>
+    </message>
+    <message>
+        <source>operationPreparingToCopyItems</source>
+        <translation>Kopieren wird vorbereitet…</translation>
+    </message>
+    <message>
+        <source>operationRestoringDataToiCloud</source>
+        <translation>Daten werden in iCloud wiederhergestellt…</translation>
+    </message>
+    <message>
+        <source>placeholderBackupTable</source>
+        <translation>Noch keine Sicherungen vorhanden. Klicken Sie auf „Sichern“, um Ihre erste Sicherung zu erstellen.</translation>
+    </message>
+    <message>
+        <source>tableColumnTitleApplication</source>
+        <translation>Anwendung</translation>
+    </message>
+    <message>
+        <source>tableColumnTitleDate</source>
+        <translation>Datum</translation>
+    </message>
+    <message>
+        <source>tableColumnTitleSize</source>
+        <translation>Größe</translation>
+    </message>
+    <message>
+        <source>titleShowInFinder</source>
+        <translation>Im Dateimanager zeigen</translation>
+    </message>
+    <message>
+        <source>windowTitleBackupInfo</source>
+        <translation>Informationen zur Sicherung</translation>
+    </message>
+    <message>
+        <source>windowTitleCloseAppsBeforeBackUp</source>
+        <translation>Programme vor dem Sichern beenden</translation>
+    </message>
+    <message>
+        <source>windowTitleCloseAppsBeforeRestore</source>
+        <translation>Programme vor dem Wiederherstellen beenden</translation>
+    </message>
+    <message>
+        <source>windowTitleOperationBackUp</source>
+        <translation>iCloud wird gesichert</translation>
+    </message>
+    <message>
+        <source>windowTitleOperationRestore</source>
+        <translation>iCloud wird wiederhergestellt</translation>
+    </message>
+</context>
+<context>
+    <name>MainMenu</name>
+    <message>
+        <source>MainMenu_File</source>
+        <translation>&amp;Datei</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Back Up Now</source>
+        <translation>Jetzt &amp;sichern</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Close Window</source>
+        <translation>Fenster s&amp;chließen</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Delete Backup</source>
+        <translation>Sicherung &amp;löschen</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Get Info</source>
+        <translation>&amp;Informationen anzeigen</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Restore from Backup</source>
+        <translation>Aus Sicherung &amp;wiederherstellen</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Show in File Manager</source>
+        <translation>Im &amp;Dateimanager zeigen</translation>
+    </message>
+    <message>
+        <source>MainMenu_Help</source>
+        <translation>&amp;Hilfe</translation>
+    </message>
+    <message>
+        <source>MainMenu_Help_Pelmora Home Page</source>
+        <translation>Pelmora-&amp;Website</translation>
+    </message>
+    <message>
+        <source>MainMenu_Pelmora</source>
+        <translation>&amp;Pelmora</translation>
+    </message>
+    <message>
+        <source>MainMenu_Pelmora_About Pelmora</source>
+        <translation>&amp;Über Pelmora</translation>
+    </message>
+    <message>
+        <source>MainMenu_Pelmora_Pelmora Home Page</source>
+        <translation>Pelmora-&amp;Website</translation>
+    </message>
+    <message>
+        <source>MainMenu_Pelmora_Quit Pelmora</source>
+        <translation>Pelmora &amp;beenden</translation>
+    </message>
+    <message>
+        <source>MainMenu_Window</source>
+        <translation>&amp;Fenster</translation>
+    </message>
+    <message>
+        <source>MainMenu_Window_Main Window</source>
+        <translation>&amp;Hauptfenster</translation>
+    </message>
+    <message>
+        <source>MainMenu_Window_Minimize</source>
+        <translation>&amp;Minimieren</translation>
+    </message>
+</context>
+</TS>

@@ -1,0 +1,298 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="en">
+<context>
+    <name>Localizable</name>
+    <message>
+        <source>alertBackupNotFoundInformativeText</source>
+        <translation>The backup folder may have been moved, renamed or deleted.</translation>
+    </message>
+    <message>
+        <source>alertBackupNotFoundMessage</source>
+        <translation>Backup not found</translation>
+    </message>
+    <message>
+        <source>alertBadDirectoryInformativeText</source>
+        <translation>Pelmora needs access to your home folder to find your iCloud folder. Start the backup again and choose your home folder.</translation>
+    </message>
+    <message>
+        <source>alertBadDirectoryWarningMessage</source>
+        <translation>Your home folder was not selected.</translation>
+    </message>
+    <message>
+        <source>alertConfirmInformativeText</source>
+        <translation>The backup folder and everything in it will be deleted permanently. This cannot be undone.</translation>
+    </message>
+    <message>
+        <source>alertContinueInformativeText</source>
+        <translation>The current contents of your iCloud folder will be replaced with the contents of the backup. Files that are not in the backup, or that have changed since it was made, will be removed. Do you want to continue?</translation>
+    </message>
+    <message>
+        <source>alertDeleteBackupMessage</source>
+        <translation>Are you sure you want to delete the selected backup?</translation>
+    </message>
+    <message>
+        <source>alertNoBackupSelectedInformativeText</source>
+        <translation>Select the backup you want to restore in the list, then try again.</translation>
+    </message>
+    <message>
+        <source>alertNoBackupSelectedWarningMessage</source>
+        <translation>No backup selected</translation>
+    </message>
+    <message>
+        <source>alertNotAvailableiCloudInYosemiteWarningMessage</source>
+        <translation>Your iCloud folder could not be found. Make sure iCloud Drive is turned on.</translation>
+    </message>
+    <message>
+        <source>alertNotAvailableiCloudInformativeText</source>
+        <translation>Pelmora looks for it at “Library/Mobile Documents” in your home folder. Make sure you are signed in to iCloud and that this folder exists, then try again.</translation>
+    </message>
+    <message>
+        <source>alertNotAvailableiCloudWarningMessage</source>
+        <translation>Your iCloud folder could not be found.</translation>
+    </message>
+    <message>
+        <source>alertNotEnoughDiskSpaceToBackUpInfo</source>
+        <translation>The disk that holds your backups does not have enough free space for this backup. Free up some space or delete older backups, then try again.</translation>
+    </message>
+    <message>
+        <source>alertNotEnoughDiskSpaceToRestoreInfo</source>
+        <translation>The disk that holds your iCloud folder does not have enough free space to restore this backup. Free up some space, then restore the backup again.</translation>
+    </message>
+    <message>
+        <source>alertNotEnoughDiskSpaceWarningMessage</source>
+        <translation>Not enough disk space</translation>
+    </message>
+    <message>
+        <source>alertRestoreWarningMessage</source>
+        <translation>Restore your iCloud folder from the selected backup?</translation>
+    </message>
+    <message>
+        <source>alertiCloudDriveRequiredMessage</source>
+        <translation>iCloud Drive is required, but its folder (“com~apple~CloudDocs”) was not found in your iCloud folder. Turn on iCloud Drive, wait until it has finished setting up, then try again.</translation>
+    </message>
+    <message>
+        <source>alertiCloudIsBeingBackedUpInfo</source>
+        <translation>If you quit now, the backup is stopped and the unfinished backup is deleted.</translation>
+    </message>
+    <message>
+        <source>alertiCloudIsBeingBackedUpMsg</source>
+        <translation>A backup is in progress. Do you want to quit anyway?</translation>
+    </message>
+    <message>
+        <source>alertiCloudIsBeingRestoredInfo</source>
+        <translation>If you quit now, the restore is stopped and your iCloud folder is left only partly restored.</translation>
+    </message>
+    <message>
+        <source>alertiCloudIsBeingRestoredMsg</source>
+        <translation>A restore is in progress. Do you want to quit anyway?</translation>
+    </message>
+    <message>
+        <source>btnTitleBackUp</source>
+        <translation>Back Up</translation>
+    </message>
+    <message>
+        <source>btnTitleBackUpNow</source>
+        <translation>Back Up Now</translation>
+    </message>
+    <message>
+        <source>btnTitleDelete</source>
+        <translation>Delete</translation>
+    </message>
+    <message>
+        <source>btnTitleRestore</source>
+        <translation>Restore</translation>
+    </message>
+    <message>
+        <source>button_cancel</source>
+        <translation>Cancel</translation>
+    </message>
+    <message>
+        <source>button_dont_ask</source>
+        <translation>Don't ask again</translation>
+    </message>
+    <message>
+        <source>button_dont_show</source>
+        <translation>Don't show again</translation>
+    </message>
+    <message>
+        <source>button_no</source>
+        <translation>No</translation>
+    </message>
+    <message>
+        <source>button_ok</source>
+        <translation>OK</translation>
+    </message>
+    <message>
+        <source>button_open</source>
+        <translation>Open</translation>
+    </message>
+    <message>
+        <source>button_yes</source>
+        <translation>Yes</translation>
+    </message>
+    <message>
+        <source>contextMenuItemTitleGetInfo</source>
+        <translation>Get Info</translation>
+    </message>
+    <message>
+        <source>formatStringBackupContent</source>
+        <translation>App folders: %1, files in total: %2</translation>
+    </message>
+    <message>
+        <source>formatStringCloseApps</source>
+        <translation>The applications listed below use iCloud. Quit them, then click “%1”.</translation>
+    </message>
+    <message>
+        <source>labelAllYourBackups</source>
+        <translation>All your backups</translation>
+    </message>
+    <message>
+        <source>labelBackupContent</source>
+        <translation>Backup contents</translation>
+    </message>
+    <message>
+        <source>labelCurrentlyIniCloud</source>
+        <translation>Currently in iCloud</translation>
+    </message>
+    <message>
+        <source>labelLastBackup</source>
+        <translation>Last backup</translation>
+    </message>
+    <message>
+        <source>labelLastBackupDateNever</source>
+        <translation>Never</translation>
+    </message>
+    <message>
+        <source>menuItemTitleBackup</source>
+        <translation>Backup of %1</translation>
+    </message>
+    <message>
+        <source>openPanelTitle</source>
+        <translation>Choose Your Home Folder</translation>
+    </message>
+    <message>
+        <source>operationCanceling</source>
+        <translation>Canceling…</translation>
+    </message>
+    <message>
+        <source>operationCopyingDataFromiCloud</source>
+        <translation>Copying data from iCloud…</translation>
+    </message>
+    <message>
+        <source>operationPreparingToCopyItems</source>
+        <translation>Preparing to copy items…</translation>
+    </message>
+    <message>
+        <source>operationRestoringDataToiCloud</source>
+        <translation>Restoring data to iCloud…</translation>
+    </message>
+    <message>
+        <source>placeholderBackupTable</source>
+        <translation>No backups yet. Click “Back Up” to make your first backup.</translation>
+    </message>
+    <message>
+        <source>tableColumnTitleApplication</source>
+        <translation>Application</translation>
+    </message>
+    <message>
+        <source>tableColumnTitleDate</source>
+        <translation>Date</translation>
+    </message>
+    <message>
+        <source>tableColumnTitleSize</source>
+        <translation>Size</translation>
+    </message>
+    <message>
+        <source>titleShowInFinder</source>
+        <translation>Show in File Manager</translation>
+    </message>
+    <message>
+        <source>windowTitleBackupInfo</source>
+        <translation>Backup Info</translation>
+    </message>
+    <message>
+        <source>windowTitleCloseAppsBeforeBackUp</source>
+        <translation>Quit Applications Before Backing Up</translation>
+    </message>
+    <message>
+        <source>windowTitleCloseAppsBeforeRestore</source>
+        <translation>Quit Applications Before Restoring</translation>
+    </message>
+    <message>
+        <source>windowTitleOperationBackUp</source>
+        <translation>Backing Up iCloud</translation>
+    </message>
+    <message>
+        <source>windowTitleOperationRestore</source>
+        <translation>Restoring iCloud</translation>
+    </message>
+</context>
+<context>
+    <name>MainMenu</name>
+    <message>
+        <source>MainMenu_File</source>
+        <translation>&amp;File</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Back Up Now</source>
+        <translation>&amp;Back Up Now</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Close Window</source>
+        <translation>&amp;Close Window</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Delete Backup</source>
+        <translation>&amp;Delete Backup</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Get Info</source>
+        <translation>Get &amp;Info</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Restore from Backup</source>
+        <translation>&amp;Restore from Backup</translation>
+    </message>
+    <message>
+        <source>MainMenu_File_Show in File Manager</source>
+        <translation>&amp;Show in File Manager</translation>
+    </message>
+    <message>
+        <source>MainMenu_Help</source>
+        <translation>&amp;Help</translation>
+    </message>
+    <message>
+        <source>MainMenu_Help_Pelmora Home Page</source>
+        <translation>Pelmora &amp;Home Page</translation>
+    </message>
+    <message>
+        <source>MainMenu_Pelmora</source>
+        <translation>&amp;Pelmora</translation>
+    </message>
+    <message>
+        <source>MainMenu_Pelmora_About Pelmora</source>
+        <translation>&amp;About Pelmora</translation>
+    </message>
+    <message>
+        <source>MainMenu_Pelmora_Pelmora Home Page</source>
+        <translation>Pelmora &amp;Home Page</translation>
+    </message>
+    <message>
+        <source>MainMenu_Pelmora_Quit Pelmora</source>
+        <translation>&amp;Quit Pelmora</translation>
+    </message>
+    <message>
+        <source>MainMenu_Window</source>
+        <translation>&amp;Window</translation>
+    </message>
+    <message>
+        <source>MainMenu_Window_Main Window</source>
+        <translation>&amp;Main Window</translation>
+    </message>
+    <message>
+        <source>MainMenu_Window_Minimize</source>
+        <translation>Mi&amp;nimize</translation>
+    </message>
+</context>
+</TS>

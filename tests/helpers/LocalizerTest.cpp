@@ -1,0 +1,150 @@
+#include "Helpers/Localizer.h"
+#include "support/EventLoop.h"
+
+#include <QMenu>
+#include <QMenuBar>
+#include <gtest/gtest.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+QStringList capturedMessages;
+
+void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
+{
+    capturedMessages << message;
+}
+
+// Test tables: "inBoth" in English and German, "onlyInDevelopment" in English only, and a German text
+// that is literally the sentinel.
+class LocalizerTest : public ::testing::Test {
+protected:
+    void SetUp() override { useTables("de"); }
+    void TearDown() override
+    {
+        qInstallMessageHandler(nullptr);
+        Localizer::setResources(Localizer::Resources{});
+    }
+    void useTables(const QString& userLanguage, const QString& development = "en",
+                   std::chrono::milliseconds lifetime = 5000ms)
+    {
+        Localizer::Resources resources;
+        resources.directory = ":/testi18n";
+        resources.baseName = "test";
+        resources.userLanguages = QStringList{userLanguage};
+        resources.developmentLocalization = development;
+        resources.nativeBundleLifetime = lifetime;
+        Localizer::setResources(resources);
+    }
+};
+
+TEST_F(LocalizerTest, LooksInTheUsersLanguageThenTheDevelopmentLanguageThenGivesTheKey)
+{
+    EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "Deutsch beide");
+    EXPECT_EQ(Localizer::localizedStringForKey("onlyInDevelopment"), "Development only");
+    EXPECT_EQ(Localizer::localizedStringForKey("nowhere"), "nowhere");
+    EXPECT_EQ(Localizer::localizedStringForKey("inBoth", "NoSuchTable"), "inBoth");
+}
+
+TEST_F(LocalizerTest, AUserTextThatIsTheSentinelCountsAsMissing)
+{
+    EXPECT_EQ(Localizer::localizedStringForKey("sentinelInUser"), "English fallback");
+}
+
+TEST_F(LocalizerTest, DevelopmentLanguageLookupIgnoresTheUsersLanguage)
+{
+    EXPECT_EQ(Localizer::nonLocalizedStringForKey("inBoth"), "English both");
+    EXPECT_EQ(Localizer::nonlocalizedStringForKey("TestMenu_Pelmora", "MainMenu"), "Pelmora (en)");
+    EXPECT_EQ(Localizer::nonLocalizedStringForKey("nowhere"), "nowhere");
+}
+
+TEST_F(LocalizerTest, AUserLanguageWithoutATableFallsBackToTheDevelopmentLanguage)
+{
+    useTables("fr-FR");
+    EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "English both");
+    useTables("de-AT");
+    EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "Deutsch beide");
+}
+
+TEST_F(LocalizerTest, TheDevelopmentTableIsLoadedOnDemandAndDroppedAfterItsLifetime)
+{
+    useTables("de", "en", 50ms);
+    EXPECT_FALSE(Localizer::isNativBundleLoaded());
+    Localizer::localizedStringForKey("inBoth"); // found in German: no need for the development table
+    EXPECT_FALSE(Localizer::isNativBundleLoaded());
+    Localizer::localizedStringForKey("onlyInDevelopment");
+    EXPECT_TRUE(Localizer::isNativBundleLoaded());
+    EXPECT_TRUE(runEventLoopUntil([] { return !Localizer::isNativBundleLoaded(); }));
+    EXPECT_EQ(Localizer::localizedStringForKey("onlyInDevelopment"), "Development only");
+}
+
+TEST_F(LocalizerTest, UsingTheDevelopmentTableDoesNotExtendItsLife)
+{
+    useTables("de", "en", 100ms);
+    ASSERT_NE(Localizer::nativBundle(), nullptr);
+    // Kept busy with lookups that need it, it still goes once its lifetime from loading is over.
+    bool dropped = runEventLoopUntil([] {
+        if (!Localizer::isNativBundleLoaded())
+            return true;
+        Localizer::nonLocalizedStringForKey("onlyInDevelopment");
+        return false;
+    });
+    EXPECT_TRUE(dropped);
+}
+
+TEST_F(LocalizerTest, AMissingDevelopmentTableIsLoggedOnEveryLookupAndGivesTheKey)
+{
+    useTables("de", "xx");
+    capturedMessages.clear();
+    qInstallMessageHandler(captureMessage);
+    EXPECT_EQ(Localizer::localizedStringForKey("onlyInDevelopment"), "onlyInDevelopment");
+    EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "Deutsch beide");
+    EXPECT_EQ(Localizer::nativBundle(), nullptr);
+    EXPECT_EQ(capturedMessages, QStringList({"Can't locate native localization(xx)",
+                                             "Can't locate native localization(xx)"}));
+}
+
+TEST_F(LocalizerTest, MenusAreTranslatedByTheirPathWithTheBundleNameForTheApplicationMenu)
+{
+    QMenuBar bar;
+    QMenu* application = bar.addMenu("Apple");
+    application->addAction("About");
+    application->addSeparator();
+    application->addAction("Unknown item");
+    QMenu* untranslated = bar.addMenu("Untranslated");
+    untranslated->addAction("Item");
+
+    useTables("en");
+    Localizer::localizeMenu(&bar, "TestMenu", "MainMenu");
+
+    EXPECT_EQ(application->title(), "Pelmora (en)");
+    EXPECT_EQ(application->menuAction()->text(), "Pelmora (en)");
+    EXPECT_EQ(application->actions().at(0)->text(), "About (en)");
+    EXPECT_EQ(application->actions().at(2)->text(), "Unknown item");
+    // Its own key is missing, yet its items are found under keys built from the untranslated title.
+    EXPECT_EQ(untranslated->title(), "Untranslated");
+    EXPECT_EQ(untranslated->actions().at(0)->text(), "Item (en)");
+}
+
+TEST_F(LocalizerTest, ButtonTitlesComeFromTheProgramsTables)
+{
+    Localizer::Resources english;
+    english.userLanguages = QStringList{"en"};
+    Localizer::setResources(english);
+    EXPECT_EQ(Localizer::okButtonTitle(), "OK");
+    EXPECT_EQ(Localizer::cancelButtonTitle(), "Cancel");
+    EXPECT_EQ(Localizer::yesButtonTitle(), "Yes");
+    EXPECT_EQ(Localizer::noButtonTitle(), "No");
+
+    Localizer::Resources german = english;
+    german.userLanguages = QStringList{"de"};
+    Localizer::setResources(german);
+    EXPECT_EQ(Localizer::cancelButtonTitle(), "Abbrechen");
+    EXPECT_EQ(Localizer::noButtonTitle(), "Nein");
+    for (const QString& title : {Localizer::openButtonTitle(), Localizer::dontShowAgainButtonTitle(),
+                                 Localizer::dontAskAgainButtonTitle()})
+        EXPECT_FALSE(title.startsWith("button_")) << title.toStdString();
+}
+
+} // namespace
