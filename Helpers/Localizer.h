@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/BundleInfo.h"
+
 #include <QString>
 #include <QStringList>
 #include <chrono>
@@ -25,9 +27,9 @@ public:
     struct Resources {
         QString directory = QStringLiteral(":/i18n");
         QString baseName = QStringLiteral("pelmora");          // files are <baseName>_<language>.qm
-        QString developmentLocalization = QStringLiteral("en");
+        QString developmentLocalization = QString::fromLatin1(BundleInfo::kDevelopmentLocalization);
         QStringList userLanguages;                             // empty: the system's UI languages
-        QString bundleName = QStringLiteral("Pelmora");        // stands in for the "Apple" menu title
+        QString bundleName = QString::fromLatin1(BundleInfo::kBundleName); // stands in for the "Apple" menu title
         std::chrono::milliseconds nativeBundleLifetime{5000};
     };
     // Where the tables are and which languages the user reads. The program keeps the defaults; tests
