@@ -45,8 +45,7 @@ public:
             report("open", {}, errno);
             return false;
         }
-        if (!pushFrame(rootFd, {}))
-            return true;
+        pushFrame(rootFd, {});
         while (!m_stack.empty() && !m_stopped)
             step();
         return true;
@@ -70,54 +69,54 @@ private:
         pushFrame(childFd, name);
     }
 
-    bool pushFrame(int fd, std::string name)
+    void pushFrame(int fd, std::string name)
     {
-        struct stat st {};
-        if (::fstat(fd, &st) != 0) {
-            report("fstat", name, errno);
-            ::close(fd);
-            return false;
-        }
-        m_stack.push_back(Frame{fd, st.st_dev, st.st_ino, std::move(name), {}, 0});
+        m_stack.push_back(Frame{fd, 0, 0, std::move(name), {}, 0});
         ++m_heldDescriptors;
         releaseShallowDescriptors();
         readFolder(m_stack.back());
+    }
+
+    // Reads the held descriptor directly with getdents64: no dup, no directory stream, no extra fstat.
+    void readFolder(Frame& frame)
+    {
+        const int depth = static_cast<int>(m_stack.size());
+        for (;;) {
+            const ssize_t got = ::getdents64(frame.fd, m_buffer.data(), m_buffer.size());
+            if (got == 0)
+                return;
+            if (got < 0) {
+                report("getdents64", {}, errno);
+                return;
+            }
+            for (ssize_t offset = 0; offset < got;) {
+                const auto* ent = reinterpret_cast<const dirent64*>(m_buffer.data() + offset);
+                offset += ent->d_reclen;
+                if (!visitEntry(frame, ent, depth))
+                    return;
+            }
+        }
+    }
+
+    // False when the visitor asked to stop.
+    bool visitEntry(Frame& frame, const dirent64* ent, int depth)
+    {
+        if (isDotOrDotDot(ent->d_name))
+            return true;
+        bool isDirectory = false;
+        if (!entryIsDirectory(frame.fd, ent, isDirectory))
+            return true;
+        const WalkAction action = m_visit(WalkEntry{frame.fd, ent->d_name, isDirectory, depth});
+        if (action == WalkAction::Stop) {
+            m_stopped = true;
+            return false;
+        }
+        if (isDirectory && action == WalkAction::Continue)
+            frame.subfolders.emplace_back(ent->d_name);
         return true;
     }
 
-    void readFolder(Frame& frame)
-    {
-        int listFd = ::dup(frame.fd);
-        DIR* dir = listFd < 0 ? nullptr : ::fdopendir(listFd);
-        if (!dir) {
-            report("fdopendir", {}, errno);
-            if (listFd >= 0)
-                ::close(listFd);
-            return;
-        }
-        const int depth = static_cast<int>(m_stack.size());
-        errno = 0;
-        while (dirent* ent = ::readdir(dir)) {
-            if (isDotOrDotDot(ent->d_name))
-                continue;
-            bool isDirectory = false;
-            if (!entryIsDirectory(frame.fd, ent, isDirectory))
-                continue;
-            WalkAction action = m_visit(WalkEntry{frame.fd, ent->d_name, isDirectory, depth});
-            if (action == WalkAction::Stop) {
-                m_stopped = true;
-                break;
-            }
-            if (isDirectory && action == WalkAction::Continue)
-                frame.subfolders.emplace_back(ent->d_name);
-            errno = 0;
-        }
-        if (errno != 0 && !m_stopped)
-            report("readdir", {}, errno);
-        ::closedir(dir);
-    }
-
-    bool entryIsDirectory(int parentFd, const dirent* ent, bool& isDirectory)
+    bool entryIsDirectory(int parentFd, const dirent64* ent, bool& isDirectory)
     {
         if (ent->d_type != DT_UNKNOWN) {
             isDirectory = ent->d_type == DT_DIR;
@@ -166,8 +165,21 @@ private:
         for (std::size_t i = 0; m_heldDescriptors > DirectoryWalker::kMaxHeldDescriptors && i + 1 < m_stack.size();
              ++i) {
             if (m_stack[i].fd >= 0)
-                closeFrame(m_stack[i]);
+                releaseFrame(m_stack[i]);
         }
+    }
+
+    // Remembers which folder it was, so that coming back through ".." can be checked.
+    void releaseFrame(Frame& frame)
+    {
+        struct stat st {};
+        if (::fstat(frame.fd, &st) == 0) {
+            frame.device = st.st_dev;
+            frame.inode = st.st_ino;
+        } else {
+            frame.next = frame.subfolders.size();
+        }
+        closeFrame(frame);
     }
 
     void closeFrame(Frame& frame)
@@ -200,6 +212,7 @@ private:
     const DirectoryWalker::ErrorHandler& m_onError;
     std::filesystem::path m_root;
     std::vector<Frame> m_stack;
+    std::vector<char> m_buffer = std::vector<char>(64 * 1024);
     std::size_t m_heldDescriptors = 0;
     bool m_stopped = false;
 };

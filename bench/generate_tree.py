@@ -283,15 +283,15 @@ class Builder:
         while self.folder_depths[parent] < MAX_DEPTH and self.stats["folders"] < self.folders:
             parent = self.add_folder(parent, b"Level %d" % (self.folder_depths[parent] + 1))
         # A folder that carries the clutter's name: it is not clutter, its contents count.
-        special_ds_store_folder = None
+        clutter_named_folder = None
         if self.stats["folders"] < self.folders:
-            special_ds_store_folder = self.add_folder(0, b".DS_Store")
+            clutter_named_folder = self.add_folder(0, b".DS_Store")
         # The rest hangs off random existing folders, the older ones gathering more, as real trees do.
         while self.stats["folders"] < self.folders:
             candidate = c.below(len(self.folder_paths))
             if self.folder_depths[candidate] < MAX_DEPTH:
                 self.add_folder(candidate, self.folder_name())
-        return special_ds_store_folder
+        return clutter_named_folder
 
     # ---- files -------------------------------------------------------------------------------------
 
@@ -318,7 +318,7 @@ class Builder:
             os.close(fd)
         os.utime(path, ns=(mtime_ns, mtime_ns))
 
-    def build_files(self, special_ds_store_folder):
+    def build_files(self, clutter_named_folder):
         c = self.chance
         folder_count = len(self.folder_paths)
         # Uneven occupancy: a few folders hold hundreds of files, many hold a handful, some none.
@@ -335,10 +335,10 @@ class Builder:
         for _ in range(self.files):
             placements[min(folder_count - 1, bisect.bisect_right(cumulative, c.unit() * total))] += 1
         # The folder named like the clutter must hold real files, or it would prove nothing.
-        if special_ds_store_folder is not None:
-            while placements[special_ds_store_folder] < min(3, self.files):
+        if clutter_named_folder is not None:
+            while placements[clutter_named_folder] < min(3, self.files):
                 placements[placements.index(max(placements))] -= 1
-                placements[special_ds_store_folder] += 1
+                placements[clutter_named_folder] += 1
         # The names that are not valid UTF-8 are spread evenly through the files, however few there are.
         spacing = max(1, self.files // len(INVALID_UTF8_NAMES))
         invalid = {k * spacing + spacing // 2: name for k, name in enumerate(INVALID_UTF8_NAMES)}
@@ -361,7 +361,7 @@ class Builder:
                 index += 1
         # Clutter in many folders, including inside the folder named like it.
         for folder in range(folder_count):
-            if folder == special_ds_store_folder or c.unit() < DS_STORE_SHARE:
+            if folder == clutter_named_folder or c.unit() < DS_STORE_SHARE:
                 self.add_ds_store(folder)
 
     def add_ds_store(self, folder):
@@ -437,8 +437,8 @@ class Builder:
         os.utime(self.root, ns=(root_time, root_time))
 
     def build(self):
-        special = self.build_folders()
-        self.build_files(special)
+        clutter_named = self.build_folders()
+        self.build_files(clutter_named)
         self.build_links()
         self.stamp_folders()
         return self.stats
