@@ -88,22 +88,21 @@ void SCEvents::stopSteps()
 
 bool SCEvents::flushEventStreamSync()
 {
-    if (!isWatchingPaths())
-        return false;
-    m_eventsQueue.sync([this] {
-        if (m_eventStream)
-            m_eventStream->flushSync();
-    });
-    return true;
+    return runOnWatchingStream(&EventStream::flushSync);
 }
 
 bool SCEvents::flushEventStreamAsync()
 {
+    return runOnWatchingStream(&EventStream::flushAsync);
+}
+
+bool SCEvents::runOnWatchingStream(void (EventStream::*operation)())
+{
     if (!isWatchingPaths())
         return false;
-    m_eventsQueue.sync([this] {
+    m_eventsQueue.sync([&] {
         if (m_eventStream)
-            m_eventStream->flushAsync();
+            (m_eventStream.get()->*operation)();
     });
     return true;
 }

@@ -73,6 +73,7 @@ public:
 
 private:
     bool isExcluded(const QString& path, const QStringList* excluded) const;
+    bool runOnWatchingStream(void (EventStream::*operation)());
     void startSteps(const QStringList& paths, QThread* runLoop);
     void stopSteps();
 

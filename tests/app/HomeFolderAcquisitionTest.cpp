@@ -76,6 +76,8 @@ TEST_F(HomeFolderAcquisitionTest, OutsideASandboxTheProcessHomeIsUsedAndNothingI
     EXPECT_FALSE(outcome.endLaunchEarly);
     EXPECT_TRUE(chooser.titles.isEmpty());
     EXPECT_FALSE(storedObject().contains("FirstLaunch"));
+    EXPECT_EQ(HomeFolderAcquisition::mobileDocumentsDirectory(*outcome.homeDirectory),
+              "/tmp/elsewhere/Library/Mobile Documents");
 }
 
 TEST_F(HomeFolderAcquisitionTest, FirstSandboxedLaunchWithTheRealHomeStoresABookmark)
@@ -136,12 +138,6 @@ TEST_F(HomeFolderAcquisitionTest, AMalformedBookmarkGivesNoHome)
     iCloudPrefs::setFirstLaunch(defaults, false);
     defaults.setDataForKey("not a bookmark", iCloudPrefs::kHomeDirBookmarkDataKey);
     EXPECT_FALSE(run(true).homeDirectory.has_value());
-}
-
-TEST(MobileDocumentsTest, IsTheLibraryFolderOfTheHome)
-{
-    EXPECT_EQ(HomeFolderAcquisition::mobileDocumentsDirectory("/home/jane"), "/home/jane/Library/Mobile Documents");
-    EXPECT_EQ(HomeFolderAcquisition::mobileDocumentsDirectory("/home/jane/"), "/home/jane/Library/Mobile Documents");
 }
 
 } // namespace

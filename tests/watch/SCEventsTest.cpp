@@ -1,0 +1,264 @@
+#include "support/EventLoop.h"
+#include "watch/SCEvents.h"
+
+#include <QThread>
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using ::testing::ElementsAre;
+
+namespace {
+
+// What the watcher asked of its stream, in order.
+struct StreamLog {
+    QStringList calls;
+    QStringList paths;
+    std::uint64_t sinceWhen = 0;
+    double latency = 0;
+    QThread* scheduledOn = nullptr;
+    EventStream::Callback callback;
+    std::function<void()> duringStart;
+};
+
+class ScriptedEventStream : public EventStream {
+public:
+    explicit ScriptedEventStream(StreamLog& log)
+        : m_log(log)
+    {
+    }
+    ~ScriptedEventStream() override { m_log.calls << "release"; }
+    void scheduleWithThread(QThread* thread) override
+    {
+        m_log.calls << "schedule";
+        m_log.scheduledOn = thread;
+    }
+    void unscheduleFromThread(QThread*) override { m_log.calls << "unschedule"; }
+    bool start() override
+    {
+        if (m_log.duringStart)
+            m_log.duringStart();
+        m_log.calls << "start";
+        return true;
+    }
+    void stop() override { m_log.calls << "stop"; }
+    void invalidate() override { m_log.calls << "invalidate"; }
+    void flushSync() override { m_log.calls << "flushSync"; }
+    void flushAsync() override { m_log.calls << "flushAsync"; }
+    QString copyDescription() const override { return "scripted stream"; }
+
+private:
+    StreamLog& m_log;
+};
+
+class RecordingListener : public SCEventListenerProtocol {
+public:
+    void pathWatcherEventOccurred(SCEvents* watcher, const std::shared_ptr<SCEvent>& event) override
+    {
+        watchers << watcher;
+        events << event;
+    }
+    QStringList paths() const
+    {
+        QStringList result;
+        for (const auto& event : events)
+            result << event->eventPath();
+        return result;
+    }
+    QList<SCEvents*> watchers;
+    QList<std::shared_ptr<SCEvent>> events;
+};
+
+class SCEventsTest : public ::testing::Test {
+protected:
+    SCEvents::StreamFactory factory()
+    {
+        return [this](const QStringList& paths, std::uint64_t since, double latency, EventStream::Callback cb) {
+            log.calls << "create";
+            log.paths = paths;
+            log.sinceWhen = since;
+            log.latency = latency;
+            log.callback = std::move(cb);
+            return std::make_unique<ScriptedEventStream>(log);
+        };
+    }
+    static QList<StreamEvent> batch(std::initializer_list<const char*> paths)
+    {
+        QList<StreamEvent> events;
+        std::uint64_t id = 100;
+        for (const char* path : paths)
+            events.append(StreamEvent{path, 0, id++});
+        return events;
+    }
+    void exclude(const QStringList& paths) { watcher.setExcludedPaths(std::make_shared<const QStringList>(paths)); }
+
+    StreamLog log;
+    SCEvents watcher{factory()};
+    RecordingListener listener;
+};
+
+TEST_F(SCEventsTest, StartsIdleWithTheDocumentedDefaults)
+{
+    EXPECT_FALSE(watcher.isWatchingPaths());
+    EXPECT_EQ(watcher.notificationLatency(), 3.0);
+    EXPECT_EQ(watcher.resumeFromEventId(), 0xFFFFFFFFFFFFFFFFull);
+    EXPECT_TRUE(watcher.ignoreEventsFromSubDirs());
+    EXPECT_EQ(watcher.delegate(), nullptr);
+    EXPECT_EQ(watcher.lastEvent(), nullptr);
+    EXPECT_EQ(watcher.watchedPaths(), nullptr);
+    EXPECT_EQ(watcher.excludedPaths(), nullptr);
+    EXPECT_EQ(watcher.runLoop(), nullptr);
+    EXPECT_EQ(watcher.eventsQueue().label(), "scevents.queue");
+    EXPECT_EQ(watcher.description(), "<SCEvents { watchedPaths = (null), excludedPaths = (null) } >");
+    EXPECT_FALSE(watcher.streamDescription().has_value());
+}
+
+TEST_F(SCEventsTest, StartCreatesSchedulesAndStartsOneStreamOnTheGivenThread)
+{
+    EXPECT_FALSE(watcher.startWatchingPaths({}));
+    EXPECT_TRUE(log.calls.isEmpty());
+
+    watcher.setNotificationLatency(0.5);
+    EXPECT_TRUE(watcher.startWatchingPaths({"/home/jane/Library/Mobile Documents"}));
+    EXPECT_TRUE(watcher.isWatchingPaths());
+    EXPECT_THAT(log.calls, ElementsAre("create", "schedule", "start"));
+    EXPECT_EQ(log.paths, QStringList({"/home/jane/Library/Mobile Documents"}));
+    EXPECT_EQ(log.sinceWhen, EventStream::kSinceNow);
+    EXPECT_EQ(log.latency, 0.5);
+    EXPECT_EQ(log.scheduledOn, QThread::currentThread());
+    EXPECT_EQ(watcher.runLoop(), QThread::currentThread());
+    EXPECT_EQ(watcher.streamDescription(), QString("scripted stream"));
+
+    EXPECT_FALSE(watcher.startWatchingPaths({"/elsewhere"})) << "already watching";
+    EXPECT_EQ(log.calls.count("create"), 1);
+}
+
+TEST_F(SCEventsTest, StopTearsTheStreamDownAndRemembersWhatWasWatched)
+{
+    EXPECT_FALSE(watcher.stopWatchingPaths());
+    ASSERT_TRUE(watcher.startWatchingPaths({"/a", "/b"}));
+    log.calls.clear();
+
+    EXPECT_TRUE(watcher.stopWatchingPaths());
+    EXPECT_THAT(log.calls, ElementsAre("stop", "unschedule", "invalidate", "release"));
+    EXPECT_FALSE(watcher.isWatchingPaths());
+    EXPECT_EQ(*watcher.watchedPaths(), QStringList({"/a", "/b"}));
+    EXPECT_FALSE(watcher.stopWatchingPaths());
+    EXPECT_FALSE(watcher.streamDescription().has_value());
+    EXPECT_EQ(watcher.description(),
+              "<SCEvents { watchedPaths = (\n    \"/a\",\n    \"/b\"\n), excludedPaths = (null) } >");
+
+    EXPECT_TRUE(watcher.startWatchingPaths({"/c"})) << "a stopped watcher starts again";
+}
+
+TEST_F(SCEventsTest, FlushesReachTheStreamOnlyWhileWatching)
+{
+    EXPECT_FALSE(watcher.flushEventStreamSync());
+    EXPECT_FALSE(watcher.flushEventStreamAsync());
+    ASSERT_TRUE(watcher.startWatchingPaths({"/a"}));
+    EXPECT_TRUE(watcher.flushEventStreamSync());
+    EXPECT_TRUE(watcher.flushEventStreamAsync());
+    EXPECT_THAT(log.calls, ElementsAre("create", "schedule", "start", "flushSync", "flushAsync"));
+}
+
+TEST_F(SCEventsTest, TearingDownAWatchingWatcherStopsItsStream)
+{
+    {
+        SCEvents temporary(factory());
+        ASSERT_TRUE(temporary.startWatchingPaths({"/a"}));
+    }
+    EXPECT_THAT(log.calls, ElementsAre("create", "schedule", "start", "stop", "unschedule", "invalidate", "release"));
+}
+
+TEST_F(SCEventsTest, ControlCallsFromOtherThreadsWaitForTheOneRunning)
+{
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    log.duringStart = [&] {
+        entered.set_value();
+        released.wait();
+    };
+    std::thread starter([&] { watcher.startWatchingPaths({"/a"}, QThread::currentThread()); });
+    entered.get_future().wait();
+
+    auto description = std::async(std::launch::async, [&] { return watcher.streamDescription(); });
+    EXPECT_EQ(description.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout)
+        << "the description ran while the start was still in progress";
+    release.set_value();
+    starter.join();
+    EXPECT_EQ(description.get(), QString("scripted stream"));
+}
+
+TEST_F(SCEventsTest, EventsReachTheListenerWithTheirIdsFlagsAndPaths)
+{
+    watcher.setDelegate(&listener);
+    const QDateTime before = QDateTime::currentDateTime();
+    watcher.eventStreamCallback({StreamEvent{"/u/Library/Mobile Documents/", 0x20, 7},
+                                 StreamEvent{"/u/a//", 0x80000000u, 8}});
+
+    ASSERT_EQ(listener.events.size(), 2);
+    EXPECT_EQ(listener.watchers, QList<SCEvents*>({&watcher, &watcher}));
+    EXPECT_EQ(listener.paths(), QStringList({"/u/Library/Mobile Documents", "/u/a/"}));
+    EXPECT_EQ(listener.events[0]->eventId(), 7u);
+    EXPECT_EQ(listener.events[0]->eventFlags(), 0x20);
+    EXPECT_EQ(static_cast<std::uint32_t>(listener.events[1]->eventFlags()), 0x80000000u);
+    EXPECT_GE(listener.events[0]->eventDate(), before) << "dated at delivery";
+    EXPECT_EQ(watcher.lastEvent(), listener.events[1]);
+}
+
+TEST_F(SCEventsTest, OneIgnoredEventSilencesTheRestOfItsBatch)
+{
+    watcher.setDelegate(&listener);
+    exclude({"/x/y"});
+    watcher.eventStreamCallback(batch({"/first"}));
+    const auto previous = watcher.lastEvent();
+
+    watcher.eventStreamCallback(batch({"/x/y", "/other"}));
+    EXPECT_EQ(listener.paths(), QStringList({"/first"}));
+    EXPECT_EQ(watcher.lastEvent(), previous);
+
+    watcher.eventStreamCallback(batch({"/other", "/x/y"}));
+    EXPECT_EQ(listener.paths(), QStringList({"/first", "/other"}));
+    EXPECT_EQ(watcher.lastEvent(), previous) << "the batch ended on an ignored event";
+
+    watcher.eventStreamCallback(batch({"/next", "/last"}));
+    EXPECT_EQ(watcher.lastEvent()->eventPath(), "/last") << "a new batch starts clean";
+}
+
+TEST_F(SCEventsTest, ExcludedPrefixesDropSubFoldersAndLookalikesOnlyWhenAsked)
+{
+    watcher.setDelegate(&listener);
+    exclude({"/x/y"});
+    watcher.eventStreamCallback(batch({"/x/y/z"}));
+    watcher.eventStreamCallback(batch({"/x/yz"}));
+    watcher.eventStreamCallback(batch({"/x"}));
+    EXPECT_EQ(listener.paths(), QStringList({"/x"}));
+
+    watcher.setIgnoreEventsFromSubDirs(false);
+    watcher.eventStreamCallback(batch({"/x/y/z"}));
+    watcher.eventStreamCallback(batch({"/x/yz"}));
+    watcher.eventStreamCallback(batch({"/x/y"}));
+    EXPECT_EQ(listener.paths(), QStringList({"/x", "/x/y/z", "/x/yz"}));
+}
+
+TEST_F(SCEventsTest, WithoutAListenerEventsAreStillRecorded)
+{
+    watcher.eventStreamCallback({});
+    EXPECT_EQ(watcher.lastEvent(), nullptr);
+    watcher.eventStreamCallback(batch({"/a", "/b"}));
+    ASSERT_NE(watcher.lastEvent(), nullptr);
+    EXPECT_EQ(watcher.lastEvent()->eventPath(), "/b");
+}
+
+TEST(SCEventTest, DescribesItselfWithASignedIdAndAnUnsignedFlagWord)
+{
+    EXPECT_EQ(SCEvent::eventWithEventId(7, QDateTime::currentDateTime(), "/a", 16)->description(),
+              "<SCEvent { eventId = 7, eventPath = /a, eventFlags = 16 } >");
+    const auto topBit = SCEvent::eventWithEventId(0xFFFFFFFFFFFFFFFFull, {}, "/%1 b",
+                                                  static_cast<std::int32_t>(0x80000000u));
+    EXPECT_EQ(static_cast<std::uint32_t>(topBit->eventFlags()), 0x80000000u);
+    EXPECT_EQ(topBit->description(), "<SCEvent { eventId = -1, eventPath = /%1 b, eventFlags = 2147483648 } >");
+}
+
+} // namespace
