@@ -1,13 +1,18 @@
 #pragma once
 
+#include "watch/SCEvents.h"
+
 #include <QObject>
 #include <QString>
 #include <memory>
 #include <optional>
 
 class FolderChooser;
+class MainMenu;
 class MainWindowController;
 class PasswordDatabase;
+class QWidget;
+class RunningApplications;
 class UserDefaults;
 
 // Puts the program together at launch and holds what lives for the whole run.
@@ -19,6 +24,8 @@ public:
         UserDefaults& defaults;
         FolderChooser& folderChooser;
         const PasswordDatabase& passwords;
+        RunningApplications& runningApplications;
+        SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
     };
 
     explicit AppDelegate(Services services, QObject* parent = nullptr);
@@ -31,10 +38,27 @@ public:
     const std::optional<QString>& homeDirectory() const { return m_homeDirectory; }
     void setHomeDirectory(const std::optional<QString>& homeDirectory) { m_homeDirectory = homeDirectory; }
     MainWindowController* mainWindowController() const { return m_mainWindowController.get(); }
+    MainMenu* mainMenu() const { return m_mainMenu.get(); }
+    bool isObservingWindowClose() const { return m_observingWindowClose; }
+
+    void showAboutWindow();
+    void openPelmoraHomePage();
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
+    void createMainWindow();
+    void startWithHomeDirectory();
+    void observeWindowClose();
+    void translateMainMenu();
+    void connectMainMenu();
+    void _windowClosed(QWidget* window);
+
     Services m_services;
     std::unique_ptr<MainWindowController> m_mainWindowController;
+    std::unique_ptr<MainMenu> m_mainMenu;
     bool m_sandboxed = false;
     std::optional<QString> m_homeDirectory;
+    bool m_observingWindowClose = false;
 };

@@ -3,6 +3,7 @@
 #include "app/iCloudPrefs.h"
 #include "platform/BundleInfo.h"
 #include "platform/PosixPasswordDatabase.h"
+#include "platform/ProcRunningApplications.h"
 #include "platform/QtFolderChooser.h"
 #include "platform/UserDefaults.h"
 
@@ -26,7 +27,8 @@ int main(int argc, char* argv[])
     iCloudPrefs::registerDefaults(defaults);
     QtFolderChooser folderChooser;
     PosixPasswordDatabase passwords;
-    AppDelegate delegate({defaults, folderChooser, passwords});
+    ProcRunningApplications runningApplications;
+    AppDelegate delegate({defaults, folderChooser, passwords, runningApplications});
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return QApplication::exec();
 }

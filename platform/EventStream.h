@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -23,6 +24,9 @@ struct StreamEvent {
     QString path;            // the changed folder, no trailing "/"
     std::uint32_t flags = 0; // EventStreamFlags bits
     std::uint64_t id = 0;    // grows with every event of the process
+    // The same path as the file system's own bytes. `path` cannot carry names that are not UTF-8: Qt
+    // turns their bytes into U+FFFD, and QFile::encodeName does not bring them back.
+    QByteArray nativePath = {};
 };
 
 // A stream of folder-change events over a list of paths, delivered in batches on the event loop of the

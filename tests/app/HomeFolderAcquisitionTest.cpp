@@ -13,6 +13,8 @@
 #include <QJsonObject>
 #include <gtest/gtest.h>
 
+#include "support/QtPrinters.h"
+
 namespace {
 
 class ScriptedFolderChooser : public FolderChooser {

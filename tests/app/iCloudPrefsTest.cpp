@@ -7,6 +7,8 @@
 #include <QJsonObject>
 #include <gtest/gtest.h>
 
+#include "support/QtPrinters.h"
+
 namespace {
 
 class iCloudPrefsTest : public ::testing::Test {

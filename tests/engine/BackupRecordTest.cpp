@@ -3,6 +3,8 @@
 #include <QTimeZone>
 #include <gtest/gtest.h>
 
+#include "support/QtPrinters.h"
+
 namespace {
 
 TEST(BackupRecordTest, HoldsExactlyItsThreeKeysWithTheirTypes)

@@ -4,6 +4,8 @@
 #include <QDir>
 #include <gtest/gtest.h>
 
+#include "support/QtPrinters.h"
+
 namespace {
 
 TEST(BackupRootTest, IsTheBundleNameInsideTheUsersDataFolder)

@@ -7,6 +7,8 @@
 #include <QTimeZone>
 #include <gtest/gtest.h>
 
+#include "support/QtPrinters.h"
+
 namespace {
 
 class BackupStoreTest : public ::testing::Test {

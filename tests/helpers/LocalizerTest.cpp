@@ -5,6 +5,8 @@
 #include <QMenuBar>
 #include <gtest/gtest.h>
 
+#include "support/QtPrinters.h"
+
 using namespace std::chrono_literals;
 
 namespace {

@@ -7,6 +7,8 @@
 #include <QXmlStreamReader>
 #include <gtest/gtest.h>
 
+#include "support/QtPrinters.h"
+
 namespace {
 
 struct TableEntry {

@@ -7,6 +7,8 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <gtest/gtest.h>
+
+#include "support/QtPrinters.h"
 #include <sys/wait.h>
 #include <unistd.h>
 

@@ -1,4 +1,5 @@
 #include "support/EventLoop.h"
+#include "support/ScriptedEventStream.h"
 #include "watch/SCEvents.h"
 
 #include <QThread>
@@ -6,50 +7,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/QtPrinters.h"
+
 using ::testing::ElementsAre;
 
 namespace {
-
-// What the watcher asked of its stream, in order.
-struct StreamLog {
-    QStringList calls;
-    QStringList paths;
-    std::uint64_t sinceWhen = 0;
-    double latency = 0;
-    QThread* scheduledOn = nullptr;
-    EventStream::Callback callback;
-    std::function<void()> duringStart;
-};
-
-class ScriptedEventStream : public EventStream {
-public:
-    explicit ScriptedEventStream(StreamLog& log)
-        : m_log(log)
-    {
-    }
-    ~ScriptedEventStream() override { m_log.calls << "release"; }
-    void scheduleWithThread(QThread* thread) override
-    {
-        m_log.calls << "schedule";
-        m_log.scheduledOn = thread;
-    }
-    void unscheduleFromThread(QThread*) override { m_log.calls << "unschedule"; }
-    bool start() override
-    {
-        if (m_log.duringStart)
-            m_log.duringStart();
-        m_log.calls << "start";
-        return true;
-    }
-    void stop() override { m_log.calls << "stop"; }
-    void invalidate() override { m_log.calls << "invalidate"; }
-    void flushSync() override { m_log.calls << "flushSync"; }
-    void flushAsync() override { m_log.calls << "flushAsync"; }
-    QString copyDescription() const override { return "scripted stream"; }
-
-private:
-    StreamLog& m_log;
-};
 
 class RecordingListener : public SCEventListenerProtocol {
 public:
@@ -71,17 +33,7 @@ public:
 
 class SCEventsTest : public ::testing::Test {
 protected:
-    SCEvents::StreamFactory factory()
-    {
-        return [this](const QStringList& paths, std::uint64_t since, double latency, EventStream::Callback cb) {
-            log.calls << "create";
-            log.paths = paths;
-            log.sinceWhen = since;
-            log.latency = latency;
-            log.callback = std::move(cb);
-            return std::make_unique<ScriptedEventStream>(log);
-        };
-    }
+    SCEvents::StreamFactory factory() { return scriptedStreamFactory(log); }
     static QList<StreamEvent> batch(std::initializer_list<const char*> paths)
     {
         QList<StreamEvent> events;

@@ -1,12 +1,390 @@
 #include "MainWindowController.h"
 
+#include "Helpers/ByteCountFormatter.h"
+#include "Helpers/DirectoryUtility.h"
+#include "Helpers/Localizer.h"
+#include "platform/BundleInfo.h"
+#include "platform/RunningApplications.h"
+#include "platform/UserDefaults.h"
+#include "ui/main/BackupsTableModel.h"
 #include "ui_MainWindowController.h"
+#include "ui_OperationProgressWindow.h"
 
-MainWindowController::MainWindowController(QWidget* parent)
-    : QMainWindow(parent)
-    , m_ui(std::make_unique<Ui::MainWindowController>())
+#include <QApplication>
+#include <QCloseEvent>
+#include <QDir>
+#include <QGraphicsDropShadowEffect>
+#include <QHeaderView>
+#include <QMenu>
+#include <QScreen>
+#include <QThread>
+#include <QThreadPool>
+#include <cmath>
+
+namespace {
+
+const QString kFrameKey = QStringLiteral("NSWindow Frame MainWindowController");
+const char* const kActionProperty = "pelmoraAction";
+
+QString localized(const char* key)
 {
-    m_ui->setupUi(this);
+    return Localizer::localizedStringForKey(QString::fromLatin1(key));
 }
 
-MainWindowController::~MainWindowController() = default;
+QString labelledValue(const QString& label, const QString& value)
+{
+    return QStringLiteral("%1:\n%2").arg(label, value);
+}
+
+QString shortDateTime(const QDateTime& date)
+{
+    return QLocale().toString(date.toLocalTime(), QLocale::ShortFormat);
+}
+
+} // namespace
+
+MainWindowController::MainWindowController(Services services, QWidget* parent)
+    : QMainWindow(parent)
+    , m_services(std::move(services))
+    , m_ui(std::make_unique<Ui::MainWindowController>())
+    , m_progressUi(std::make_unique<Ui::OperationProgressWindow>())
+    , m_operationProgressWindow(std::make_unique<QDialog>(this))
+    , m_backups(m_services.defaults)
+{
+    m_ui->setupUi(this);
+    m_progressUi->setupUi(m_operationProgressWindow.get());
+    m_tableModel = new BackupsTableModel(*this, this);
+    m_ui->backupsTable->setModel(m_tableModel);
+    m_tableViewPlaceholderLabel = new QLabel(m_ui->backupsTable->viewport());
+    m_tableViewPlaceholderLabel->setAlignment(Qt::AlignCenter);
+    m_tableViewPlaceholderLabel->setWordWrap(true);
+    m_tableViewPlaceholderLabel->setEnabled(false); // drawn in the disabled text colour, like a hint
+    m_ui->backupsTable->viewport()->installEventFilter(this);
+}
+
+MainWindowController::~MainWindowController()
+{
+    if (m_windowLoaded)
+        saveWindowFrame();
+}
+
+void MainWindowController::showWindow()
+{
+    if (!m_windowLoaded) {
+        m_windowLoaded = true;
+        windowDidLoad();
+    }
+    show();
+    raise();
+    activateWindow();
+}
+
+void MainWindowController::windowDidLoad()
+{
+    setWindowTitle(QString::fromLatin1(BundleInfo::kBundleName));
+    restoreWindowFrame();
+    // The Library folder is not one of this platform's standard folders, so it is named, not created.
+    if (m_services.isSandboxed())
+        m_mobileDocumentsDirectory.reset();
+    else
+        m_mobileDocumentsDirectory = QDir::homePath() + QStringLiteral("/Library/Mobile Documents");
+    resetOperationState();
+    connectTable();
+    m_backups.load();
+    m_tableModel->reloadData();
+    setLastBackupInfo();
+    setiCloudSize();
+    styleiCloudCaption();
+    localizeTexts();
+    startWatchingiCloudFolder();
+}
+
+void MainWindowController::restoreWindowFrame()
+{
+    const std::optional<QByteArray> frame = m_services.defaults.dataForKey(kFrameKey);
+    if (frame && restoreGeometry(*frame))
+        return;
+    if (const QScreen* screen = QGuiApplication::primaryScreen())
+        move(screen->availableGeometry().center() - rect().center());
+}
+
+void MainWindowController::saveWindowFrame()
+{
+    m_services.defaults.setDataForKey(saveGeometry(), kFrameKey);
+}
+
+void MainWindowController::resetOperationState()
+{
+    m_totalSizeOfItemsToCopy = 0;
+    m_totalCountOfItemsToCopy = 0;
+    m_currentSizeOfCopiedItems = 0;
+    m_currentCountOfCopiedItems = 0;
+    m_iCloudBeingRestored = false;
+    m_iCloudBackingUp = false;
+    m_canceled = false;
+    m_calculatingiCloudSize = false;
+}
+
+void MainWindowController::connectTable()
+{
+    CustomTableView* table = m_ui->backupsTable;
+    table->setMenuDelegate(this);
+    table->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
+    table->horizontalHeader()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+    connect(table, &QAbstractItemView::doubleClicked, this, [this] { performAction(Action::ShowBackupInfo); });
+    connect(m_ui->deleteBackupBtn, &QPushButton::clicked, this, [this] { performAction(Action::DeleteBackup); });
+    connect(m_ui->showInFinderBtn, &QPushButton::clicked, this, [this] { performAction(Action::ShowInFinder); });
+    connect(m_ui->restoreFromBackupBtn, &QPushButton::clicked, this,
+            [this] { performAction(Action::RestoreFromBackup); });
+    connect(m_ui->backUpNowBtn, &QPushButton::clicked, this, [this] { performAction(Action::BackUpNow); });
+}
+
+void MainWindowController::styleiCloudCaption()
+{
+    QLabel* caption = m_ui->labelCurrentlyIniCloud;
+    QFont font = caption->font();
+    font.setBold(true);
+    font.setPointSizeF(14.0);
+    caption->setFont(font);
+    QPalette palette = caption->palette();
+    palette.setColor(QPalette::WindowText, Qt::red);
+    caption->setPalette(palette);
+    caption->setText(localized("labelCurrentlyIniCloud"));
+}
+
+void MainWindowController::localizeTexts()
+{
+    m_ui->allYourBackupsLabel->setText(localized("labelAllYourBackups"));
+    m_tableModel->setHeaderTitle(0, localized("tableColumnTitleDate"));
+    m_tableModel->setHeaderTitle(1, localized("tableColumnTitleSize"));
+    m_ui->deleteBackupBtn->setText(localized("btnTitleDelete"));
+    m_ui->showInFinderBtn->setText(localized("titleShowInFinder"));
+    m_ui->restoreFromBackupBtn->setText(localized("btnTitleRestore"));
+    m_ui->backUpNowBtn->setText(localized("btnTitleBackUp"));
+    m_tableViewPlaceholderLabel->setText(localized("placeholderBackupTable"));
+    placePlaceholder();
+}
+
+void MainWindowController::startWatchingiCloudFolder()
+{
+    m_folderEvents = m_services.streamFactory ? std::make_unique<SCEvents>(m_services.streamFactory)
+                                              : std::make_unique<SCEvents>();
+    m_folderEvents->setDelegate(this);
+    if (m_mobileDocumentsDirectory)
+        m_folderEvents->startWatchingPaths({*m_mobileDocumentsDirectory}, QThread::currentThread());
+}
+
+int MainWindowController::numberOfRowsInTableView() const
+{
+    return static_cast<int>(m_backups.count());
+}
+
+QVariant MainWindowController::objectValueForTableColumn(const QString& identifier, int row) const
+{
+    if (row < 0 || row >= m_backups.count() || !m_backups.at(row))
+        return {};
+    const BackupRecordRef& record = m_backups.at(row);
+    if (identifier == kDateColumn) {
+        const std::optional<QDateTime> date = record->backupDate();
+        return date ? shortDateTime(*date) : QString();
+    }
+    if (identifier == kSizeColumn) {
+        // Read as an unsigned count of bytes, whatever sign was stored.
+        const auto size = static_cast<std::uint64_t>(record->backupSize().value_or(0));
+        return ByteCountFormatter::stringFromByteCount(size);
+    }
+    return {};
+}
+
+int MainWindowController::selectedRow() const
+{
+    const QModelIndexList rows = m_ui->backupsTable->selectionModel()->selectedRows();
+    return rows.isEmpty() ? -1 : rows.constFirst().row();
+}
+
+QMenu* MainWindowController::contextualMenuForTableView(CustomTableView* table, int row)
+{
+    if (row < 0)
+        return nullptr;
+    auto* menu = new QMenu(table);
+    addMenuItem(menu, QStringLiteral("contextMenuItemTitleGetInfo"), Action::ShowBackupInfo,
+                QKeySequence(Qt::CTRL | Qt::Key_I), row);
+    addMenuItem(menu, QStringLiteral("titleShowInFinder"), Action::ShowInFinder, QKeySequence(Qt::CTRL | Qt::Key_O),
+                row);
+    addMenuItem(menu, QStringLiteral("btnTitleRestore"), Action::RestoreFromBackup, QKeySequence(), row);
+    addMenuItem(menu, QStringLiteral("btnTitleDelete"), Action::DeleteBackup, QKeySequence(Qt::Key_Delete), row);
+    connect(menu, &QMenu::aboutToShow, this, [this, menu] {
+        for (QAction* item : menu->actions())
+            item->setEnabled(validateMenuItem(item));
+    });
+    return menu;
+}
+
+QAction* MainWindowController::addMenuItem(QMenu* menu, const QString& titleKey, Action action,
+                                           const QKeySequence& shortcut, int row)
+{
+    QAction* item = menu->addAction(Localizer::localizedStringForKey(titleKey));
+    item->setShortcut(shortcut);
+    item->setData(row);
+    item->setProperty(kActionProperty, static_cast<int>(action));
+    connect(item, &QAction::triggered, this, [this, action] { performAction(action); });
+    return item;
+}
+
+MainWindowController::Action MainWindowController::actionOf(const QAction* item)
+{
+    return static_cast<Action>(item->property(kActionProperty).toInt());
+}
+
+bool MainWindowController::validateMenuItem(const QAction* item) const
+{
+    switch (actionOf(item)) {
+    case Action::RestoreFromBackup:
+        return !m_iCloudBackingUp && !m_iCloudBeingRestored;
+    case Action::DeleteBackup:
+        return !m_iCloudBeingRestored; // a running backup does not disable it, on purpose
+    default:
+        return true;
+    }
+}
+
+void MainWindowController::performAction(Action action)
+{
+    // The operations behind the other commands are the controller's own and are added with them.
+    if (action == Action::ShowBackupInfo && m_showBackupInfo)
+        m_showBackupInfo();
+}
+
+void MainWindowController::pathWatcherEventOccurred(SCEvents*, const std::shared_ptr<SCEvent>&)
+{
+    setiCloudSize();
+}
+
+int MainWindowController::calculateCountOfRunningAppsThatUseiCloud() const
+{
+    const QList<RunningApplication> applications = m_services.runningApplications.runningApplications();
+    if (!m_mobileDocumentsDirectory)
+        return 0;
+    QStringList containers;
+    const QStringList names = QDir(*m_mobileDocumentsDirectory)
+                                  .entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                                             QDir::Unsorted);
+    for (const QString& name : names) {
+        if (!name.startsWith(QLatin1Char('.')))
+            containers << QString(name).replace(QLatin1Char('~'), QLatin1Char('.'));
+    }
+    int count = 0;
+    for (const QString& container : containers) {
+        for (const RunningApplication& application : applications) {
+            // A plain substring test, kept as it is: a short identifier may match many containers.
+            if (application.bundleIdentifier && container.contains(*application.bundleIdentifier) &&
+                *application.bundleIdentifier != QLatin1String("com.apple.finder"))
+                ++count;
+        }
+    }
+    return count;
+}
+
+void MainWindowController::setLastBackupInfo()
+{
+    const QString label = localized("labelLastBackup");
+    if (!m_backups.isEmpty()) {
+        m_tableViewPlaceholderLabel->hide();
+        const std::optional<QDateTime> date = m_backups.last()->backupDate();
+        m_ui->lastBackupInfoLabel->setText(labelledValue(label, date ? shortDateTime(*date) : QString()));
+        return;
+    }
+    m_ui->deleteBackupBtn->setEnabled(false);
+    m_ui->showInFinderBtn->setEnabled(false);
+    m_ui->restoreFromBackupBtn->setEnabled(false);
+    m_ui->lastBackupInfoLabel->setText(labelledValue(label, localized("labelLastBackupDateNever")));
+    m_tableViewPlaceholderLabel->show();
+}
+
+void MainWindowController::setiCloudSize()
+{
+    if (m_calculatingiCloudSize)
+        return; // dropped, not queued: the running measure sees the folder as it is now
+    if (!m_mobileDocumentsDirectory) {
+        m_ui->labeliCloudSize->setText(QStringLiteral("?"));
+        return;
+    }
+    m_calculatingiCloudSize = true;
+    const std::string path = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
+    QPointer<MainWindowController> controller(this);
+    QThreadPool::globalInstance()->start([path, controller] {
+        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(path);
+        // The controller is only looked at on the main thread, where it may be gone at shutdown.
+        QMetaObject::invokeMethod(
+            qApp,
+            [controller, size = measure.totalSize] {
+                if (controller)
+                    controller->finishiCloudSizeCalculation(size);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void MainWindowController::finishiCloudSizeCalculation(std::uint64_t totalSize)
+{
+    m_calculatingiCloudSize = false;
+    m_ui->labeliCloudSize->setText(ByteCountFormatter::stringFromByteCount(totalSize));
+    restyleSizeLabel(m_ui->labelCurrentlyIniCloud);
+    restyleSizeLabel(m_ui->labeliCloudSize);
+    emit iCloudSizeChanged();
+}
+
+void MainWindowController::restyleSizeLabel(QLabel* label)
+{
+    QPalette palette = label->palette();
+    palette.setColor(QPalette::WindowText, Qt::white);
+    label->setPalette(palette);
+    label->setAlignment(Qt::AlignCenter);
+    if (!label->graphicsEffect()) {
+        auto* shadow = new QGraphicsDropShadowEffect(label);
+        shadow->setBlurRadius(0);
+        shadow->setOffset(0, 1); // one pixel below: the screen's y axis points down here
+        shadow->setColor(QColor(69, 69, 69));
+        label->setGraphicsEffect(shadow);
+    }
+}
+
+bool MainWindowController::isYosemiteRunning(double libraryVersion)
+{
+    return std::floor(libraryVersion) > 1265.0;
+}
+
+void MainWindowController::placePlaceholder()
+{
+    QWidget* viewport = m_ui->backupsTable->viewport();
+    m_tableViewPlaceholderLabel->setGeometry(viewport->rect().adjusted(24, 0, -24, 0));
+}
+
+bool MainWindowController::eventFilter(QObject* watched, QEvent* event)
+{
+    if (watched == m_ui->backupsTable->viewport() && event->type() == QEvent::Resize)
+        placePlaceholder();
+    return QMainWindow::eventFilter(watched, event);
+}
+
+void MainWindowController::closeEvent(QCloseEvent* event)
+{
+    saveWindowFrame();
+    QMainWindow::closeEvent(event);
+}
+
+QLabel* MainWindowController::labelCurrentlyIniCloud() const { return m_ui->labelCurrentlyIniCloud; }
+QLabel* MainWindowController::labeliCloudSize() const { return m_ui->labeliCloudSize; }
+QLabel* MainWindowController::allYourBackupsLabel() const { return m_ui->allYourBackupsLabel; }
+QLabel* MainWindowController::lastBackupInfoLabel() const { return m_ui->lastBackupInfoLabel; }
+CustomTableView* MainWindowController::backupsTable() const { return m_ui->backupsTable; }
+QPushButton* MainWindowController::deleteBackupBtn() const { return m_ui->deleteBackupBtn; }
+QPushButton* MainWindowController::showInFinderBtn() const { return m_ui->showInFinderBtn; }
+QPushButton* MainWindowController::restoreFromBackupBtn() const { return m_ui->restoreFromBackupBtn; }
+QPushButton* MainWindowController::backUpNowBtn() const { return m_ui->backUpNowBtn; }
+QLabel* MainWindowController::operationInfoLabel() const { return m_progressUi->operationInfoLabel; }
+QProgressBar* MainWindowController::copyingTotalProgressIndicator() const
+{
+    return m_progressUi->copyingTotalProgressIndicator;
+}
+QPushButton* MainWindowController::cancelCopyingBtn() const { return m_progressUi->cancelCopyingBtn; }

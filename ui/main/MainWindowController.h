@@ -1,20 +1,151 @@
 #pragma once
 
+#include "engine/BackupStore.h"
+#include "ui/main/CustomTableView.h"
+#include "watch/SCEvents.h"
+
 #include <QMainWindow>
+#include <QPointer>
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
+
+class BackupsTableModel;
+class QAction;
+class QDialog;
+class QLabel;
+class QMenu;
+class QProgressBar;
+class QPushButton;
+class RunningApplications;
+class UserDefaults;
 
 namespace Ui {
 class MainWindowController;
-}
+class OperationProgressWindow;
+} // namespace Ui
 
-// The one main window. Its layout lives in resources/MainWindowController.ui.
-class MainWindowController : public QMainWindow {
+// The one main window: the iCloud folder's size, the backups table with its buttons and context menu,
+// the last-backup line, and the progress window that copies use. It also holds the state the backup
+// operations share and the watcher of the iCloud folder, whose every event re-measures the folder.
+class MainWindowController : public QMainWindow, public CustomTableViewDelegate, public SCEventListenerProtocol {
     Q_OBJECT
 
 public:
-    explicit MainWindowController(QWidget* parent = nullptr);
+    // The commands a menu item or a button can carry; validation goes by them.
+    enum class Action { ShowBackupInfo, ShowInFinder, RestoreFromBackup, DeleteBackup, BackUpNow };
+
+    struct Services {
+        UserDefaults& defaults;
+        const RunningApplications& runningApplications;
+        std::function<bool()> isSandboxed;
+        SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
+    };
+
+    static inline const QString kDateColumn = QStringLiteral("date");
+    static inline const QString kSizeColumn = QStringLiteral("size");
+    // What the platform's user-interface library reports as its version: later than 10.9's (1265).
+    static constexpr double kUserInterfaceLibraryVersion = 2299.0;
+
+    explicit MainWindowController(Services services, QWidget* parent = nullptr);
     ~MainWindowController() override;
 
+    // Shows the window, setting it up the first time.
+    void showWindow();
+    bool isWindowLoaded() const { return m_windowLoaded; }
+
+    bool isiCloudBackingUp() const { return m_iCloudBackingUp; }
+    void setICloudBackingUp(bool running) { m_iCloudBackingUp = running; }
+    bool isiCloudBeingRestored() const { return m_iCloudBeingRestored; }
+    void setICloudBeingRestored(bool running) { m_iCloudBeingRestored = running; }
+    bool isCanceled() const { return m_canceled; }
+    bool isCalculatingiCloudSizeInProgress() const { return m_calculatingiCloudSize; }
+    void setCalculatingiCloudSize(bool calculating) { m_calculatingiCloudSize = calculating; }
+
+    const std::optional<QString>& mobileDocumentsDirectory() const { return m_mobileDocumentsDirectory; }
+    void setMobileDocumentsDirectory(const std::optional<QString>& path) { m_mobileDocumentsDirectory = path; }
+    BackupStore& backups() { return m_backups; }
+    const BackupStore& backups() const { return m_backups; }
+    SCEvents* folderEvents() const { return m_folderEvents.get(); }
+    const QString& iCloudBackupDirectory() const { return m_iCloudBackupDirectory; }
+
+    // Table data source.
+    int numberOfRowsInTableView() const;
+    QVariant objectValueForTableColumn(const QString& identifier, int row) const;
+    int selectedRow() const;
+
+    QMenu* contextualMenuForTableView(CustomTableView* table, int row) override;
+    bool validateMenuItem(const QAction* item) const;
+    void pathWatcherEventOccurred(SCEvents* pathWatcher, const std::shared_ptr<SCEvent>& event) override;
+
+    int calculateCountOfRunningAppsThatUseiCloud() const;
+    void setLastBackupInfo();
+    void setiCloudSize();
+    static bool isYosemiteRunning(double libraryVersion = kUserInterfaceLibraryVersion);
+
+    // The application delegate opens info windows: the table's double click and Get Info go there.
+    void setShowBackupInfoHandler(std::function<void()> handler) { m_showBackupInfo = std::move(handler); }
+    void performAction(Action action);
+    static Action actionOf(const QAction* item);
+
+    // Outlets, for the operations of the controller and for tests.
+    QLabel* labelCurrentlyIniCloud() const;
+    QLabel* labeliCloudSize() const;
+    QLabel* allYourBackupsLabel() const;
+    QLabel* lastBackupInfoLabel() const;
+    QLabel* tableViewPlaceholderLabel() const { return m_tableViewPlaceholderLabel; }
+    CustomTableView* backupsTable() const;
+    QPushButton* deleteBackupBtn() const;
+    QPushButton* showInFinderBtn() const;
+    QPushButton* restoreFromBackupBtn() const;
+    QPushButton* backUpNowBtn() const;
+    QDialog* operationProgressWindow() const { return m_operationProgressWindow.get(); }
+    QLabel* operationInfoLabel() const;
+    QProgressBar* copyingTotalProgressIndicator() const;
+    QPushButton* cancelCopyingBtn() const;
+
+signals:
+    void iCloudSizeChanged();
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private:
+    void windowDidLoad();
+    void restoreWindowFrame();
+    void saveWindowFrame();
+    void resetOperationState();
+    void connectTable();
+    void styleiCloudCaption();
+    void localizeTexts();
+    void startWatchingiCloudFolder();
+    void finishiCloudSizeCalculation(std::uint64_t totalSize);
+    void restyleSizeLabel(QLabel* label);
+    void placePlaceholder();
+    QAction* addMenuItem(QMenu* menu, const QString& titleKey, Action action, const QKeySequence& shortcut,
+                         int row);
+
+    Services m_services;
     std::unique_ptr<Ui::MainWindowController> m_ui;
+    std::unique_ptr<Ui::OperationProgressWindow> m_progressUi;
+    std::unique_ptr<QDialog> m_operationProgressWindow;
+    QLabel* m_tableViewPlaceholderLabel = nullptr;
+    BackupsTableModel* m_tableModel = nullptr;
+    bool m_windowLoaded = false;
+
+    bool m_iCloudBackingUp = false;
+    bool m_iCloudBeingRestored = false;
+    bool m_canceled = false;
+    bool m_calculatingiCloudSize = false;
+    std::int32_t m_totalCountOfItemsToCopy = 0;
+    std::int32_t m_currentCountOfCopiedItems = 0;
+    std::optional<QString> m_mobileDocumentsDirectory;
+    BackupStore m_backups;
+    std::uint64_t m_totalSizeOfItemsToCopy = 0;
+    std::uint64_t m_currentSizeOfCopiedItems = 0;
+    std::unique_ptr<SCEvents> m_folderEvents;
+    QString m_iCloudBackupDirectory;
+    std::function<void()> m_showBackupInfo;
 };

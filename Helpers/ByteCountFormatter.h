@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QLocale>
+#include <QString>
+#include <cstdint>
+
+// Sizes as file managers show them: decimal units (1 kB = 1000 bytes) in the user's locale.
+class ByteCountFormatter {
+public:
+    ByteCountFormatter() = delete;
+    static QString stringFromByteCount(std::uint64_t bytes, const QLocale& locale = QLocale());
+};

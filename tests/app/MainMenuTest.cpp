@@ -1,0 +1,46 @@
+#include "Helpers/Localizer.h"
+#include "app/MainMenu.h"
+
+#include <QAction>
+#include <QMenu>
+#include <QMenuBar>
+#include <QTranslator>
+#include <gtest/gtest.h>
+
+#include "support/QtPrinters.h"
+
+namespace {
+
+// Every item of the main menu, by the key its path gives it.
+void collectKeys(QWidget* menu, const QString& name, QStringList& keys)
+{
+    for (QAction* item : menu->actions()) {
+        QString title = item->menu() ? item->menu()->title() : item->text();
+        if (title.isEmpty())
+            continue;
+        if (title == "Apple")
+            title = "Pelmora";
+        const QString key = name + "_" + title;
+        keys << key;
+        if (item->menu())
+            collectKeys(item->menu(), key, keys);
+    }
+}
+
+TEST(MainMenuTest, EveryItemHasATextInEveryLanguage)
+{
+    QMenuBar bar;
+    MainMenu menu(&bar);
+    QStringList keys;
+    collectKeys(&bar, "MainMenu", keys);
+    ASSERT_GE(keys.size(), 15);
+    for (const char* language : {"en", "de"}) {
+        QTranslator table;
+        ASSERT_TRUE(table.load(QStringLiteral("pelmora_%1").arg(language), ":/i18n"));
+        for (const QString& key : keys)
+            EXPECT_FALSE(table.translate("MainMenu", key.toUtf8().constData()).isEmpty())
+                << language << ": " << key.toStdString();
+    }
+}
+
+} // namespace
