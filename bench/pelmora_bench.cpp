@@ -1,10 +1,19 @@
 // Exposes the engine to the benchmark scripts under bench/: one sub-command per operation.
 #include "Helpers/DirectoryUtility.h"
+#include "app/iCloudPrefs.h"
 #include "platform/EventStream.h"
+#include "platform/ProcRunningApplications.h"
+#include "platform/UserDefaults.h"
+#include "ui/main/MainWindowController.h"
 
-#include <QCoreApplication>
+#include <QApplication>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QTemporaryDir>
 #include <QThread>
+#include <QTimer>
+#include <algorithm>
+#include <vector>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -16,6 +25,7 @@ int usage()
 {
     std::fprintf(stderr, "usage: pelmora-bench measure DIR\n"
                          "       pelmora-bench watch DIR [LATENCY_SECONDS]\n"
+                         "       pelmora-bench ui-latency DIR [ROUNDS]\n"
                          "  PELMORA_BENCH_RSS=1 also prints memory figures (kB) on stderr\n");
     return 2;
 }
@@ -65,7 +75,8 @@ int watch(int argc, char* argv[])
     auto stream = EventStream::create({folder}, EventStream::kSinceNow, latency, [](const QList<StreamEvent>& batch) {
         for (const StreamEvent& event : batch)
             std::printf("%llu 0x%08x %s\n", static_cast<unsigned long long>(event.id), event.flags,
-                        QFile::encodeName(event.path).constData());
+                        event.nativePath.isEmpty() ? QFile::encodeName(event.path).constData()
+                                                   : event.nativePath.constData());
         std::fflush(stdout);
     });
     const long before = residentKilobytes();
@@ -82,6 +93,73 @@ int watch(int argc, char* argv[])
     return QCoreApplication::exec();
 }
 
+// How late the main thread's event loop runs a 1 ms timer while the main window measures DIR as its
+// iCloud folder in the background. Prints the delays' median, 99th percentile and maximum.
+int uiLatency(int argc, char* argv[])
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication application(argc, argv);
+    const int rounds = argc > 3 ? std::max(1, std::atoi(argv[3])) : 10;
+    QTemporaryDir settings;
+    UserDefaults defaults(settings.filePath(QStringLiteral("Pelmora.json")));
+    iCloudPrefs::registerDefaults(defaults);
+    ProcRunningApplications runningApplications;
+    MainWindowController controller({defaults, runningApplications, [] { return false; }});
+    controller.showWindow();
+    controller.setMobileDocumentsDirectory(QFile::decodeName(argv[2]));
+
+    std::vector<double> delays;
+    QElapsedTimer measuring;
+    qint64 measuredNs = 0;
+    QElapsedTimer clock;
+    clock.start();
+    qint64 expected = 0;
+    QTimer ticker;
+    ticker.setTimerType(Qt::PreciseTimer);
+    QObject::connect(&ticker, &QTimer::timeout, [&] {
+        const qint64 now = clock.nsecsElapsed();
+        if (expected)
+            delays.push_back(std::max<qint64>(0, now - expected) / 1e6);
+        expected = now + 1000000;
+    });
+    int round = 0;
+    bool roundRunning = false;
+    auto startRound = [&] {
+        QTimer::singleShot(0, [&] {
+            roundRunning = true;
+            measuring.start();
+            controller.setiCloudSize();
+        });
+    };
+    QObject::connect(&controller, &MainWindowController::iCloudSizeChanged, [&] {
+        if (!roundRunning)
+            return; // the window's own first measure
+        roundRunning = false;
+        measuredNs += measuring.nsecsElapsed();
+        if (++round < rounds)
+            startRound();
+        else
+            QCoreApplication::quit();
+    });
+    // The window's own first measure may still run: the rounds start once it is over.
+    QTimer::singleShot(0, [&] {
+        if (controller.isCalculatingiCloudSizeInProgress())
+            QObject::connect(&controller, &MainWindowController::iCloudSizeChanged, &controller, startRound,
+                             Qt::SingleShotConnection);
+        else
+            startRound();
+    });
+    ticker.start(1);
+    QApplication::exec();
+
+    std::sort(delays.begin(), delays.end());
+    auto percentile = [&](double p) { return delays.empty() ? 0.0 : delays[std::size_t(p * (delays.size() - 1))]; };
+    std::printf("rounds=%d measure_ms=%.1f samples=%zu delay_p50_ms=%.3f delay_p99_ms=%.3f delay_max_ms=%.3f\n",
+                rounds, measuredNs / 1e6 / rounds, delays.size(), percentile(0.5), percentile(0.99),
+                delays.empty() ? 0.0 : delays.back());
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -90,5 +168,7 @@ int main(int argc, char* argv[])
         return measure(argv[2]);
     if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "watch") == 0)
         return watch(argc, argv);
+    if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "ui-latency") == 0)
+        return uiLatency(argc, argv);
     return usage();
 }

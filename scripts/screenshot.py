@@ -85,6 +85,7 @@ def shoot(language, display, sizes):
             window = window.decode()
             for suffix, size in sizes:
                 if size:
+                    subprocess.run(["xdotool", "windowmove", window, "0", "0"], env=env, check=True)
                     subprocess.run(["xdotool", "windowsize", window, str(size[0]), str(size[1])], env=env, check=True)
                 time.sleep(1.5)  # the size is measured in the background; let it land and the window settle
                 capture(display, window, os.path.join(OUT, "main-window-%s%s.png" % (language, suffix)))
@@ -98,7 +99,7 @@ def shoot(language, display, sizes):
 def main():
     os.makedirs(OUT, exist_ok=True)
     display = ":%d" % (90 + os.getpid() % 9)
-    xvfb = subprocess.Popen(["Xvfb", display, "-screen", "0", "1280x900x24", "-nolisten", "tcp"],
+    xvfb = subprocess.Popen(["Xvfb", display, "-screen", "0", "1600x1000x24", "-nolisten", "tcp"],
                             stderr=subprocess.DEVNULL)
     try:
         time.sleep(1.0)

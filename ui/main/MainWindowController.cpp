@@ -92,6 +92,8 @@ void MainWindowController::windowDidLoad()
     connectTable();
     m_backups.load();
     m_tableModel->reloadData();
+    // No row is current until the user picks one: a focus frame on row 0 would read as a selection.
+    m_ui->backupsTable->setCurrentIndex(QModelIndex());
     setLastBackupInfo();
     setiCloudSize();
     styleiCloudCaption();
@@ -130,7 +132,8 @@ void MainWindowController::connectTable()
     CustomTableView* table = m_ui->backupsTable;
     table->setMenuDelegate(this);
     table->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
-    table->horizontalHeader()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+    table->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Interactive);
+    table->horizontalHeader()->resizeSection(1, 150);
     connect(table, &QAbstractItemView::doubleClicked, this, [this] { performAction(Action::ShowBackupInfo); });
     connect(m_ui->deleteBackupBtn, &QPushButton::clicked, this, [this] { performAction(Action::DeleteBackup); });
     connect(m_ui->showInFinderBtn, &QPushButton::clicked, this, [this] { performAction(Action::ShowInFinder); });
