@@ -211,6 +211,26 @@ TEST_F(MainWindowControllerTest, EveryFolderEventMeasuresAgainButNeverTwiceAtOnc
     EXPECT_EQ(controller->labeliCloudSize()->text(), ByteCountFormatter::stringFromByteCount(5000));
 }
 
+TEST_F(MainWindowControllerTest, AFileWrittenIntoTheWatchedFolderShowsInTheSizeLabel)
+{
+    const auto folder = home.path() / "Library" / "Mobile Documents";
+    TreeBuilder::writeFileOfSize(folder / "com~apple~CloudDocs" / "a", 1000);
+    // The platform's own stream, with a latency short enough for a test.
+    MainWindowController controller({defaults, applications, [] { return false; },
+                                     [](const QStringList& paths, std::uint64_t since, double,
+                                        EventStream::Callback callback) {
+                                         return EventStream::create(paths, since, 0.05, std::move(callback));
+                                     }});
+    controller.showWindow();
+    ASSERT_TRUE(waitForSize(controller));
+    ASSERT_EQ(controller.labeliCloudSize()->text(), ByteCountFormatter::stringFromByteCount(1000));
+
+    TreeBuilder::writeFileOfSize(folder / "com~apple~CloudDocs" / "Documents" / "new", 250000);
+    EXPECT_TRUE(runEventLoopUntil([&] {
+        return controller.labeliCloudSize()->text() == ByteCountFormatter::stringFromByteCount(251000);
+    })) << controller.labeliCloudSize()->text().toStdString();
+}
+
 TEST_F(MainWindowControllerTest, CountsRunningAppsWhoseIdentifierLiesInAContainerName)
 {
     const auto folder = home.path() / "Library" / "Mobile Documents";

@@ -1,5 +1,7 @@
 #include "support/EventLoop.h"
 #include "support/ScriptedEventStream.h"
+#include "support/TestHome.h"
+#include "support/TreeBuilder.h"
 #include "watch/SCEvents.h"
 
 #include <QThread>
@@ -211,6 +213,48 @@ TEST(SCEventTest, DescribesItselfWithASignedIdAndAnUnsignedFlagWord)
                                                   static_cast<std::int32_t>(0x80000000u));
     EXPECT_EQ(static_cast<std::uint32_t>(topBit->eventFlags()), 0x80000000u);
     EXPECT_EQ(topBit->description(), "<SCEvent { eventId = -1, eventPath = /%1 b, eventFlags = 2147483648 } >");
+}
+
+} // namespace
+
+namespace {
+
+class ThreadRecordingListener : public SCEventListenerProtocol {
+public:
+    void pathWatcherEventOccurred(SCEvents*, const std::shared_ptr<SCEvent>& event) override
+    {
+        threads.push_back(QThread::currentThread());
+        paths.push_back(event->eventPath());
+    }
+    std::vector<QThread*> threads;
+    std::vector<QString> paths;
+};
+
+// With the platform's own stream: a change under the watched folder reaches the listener as the changed
+// folder's path, on the thread the stream was scheduled on.
+TEST(SCEventsOnTheRealStreamTest, ChangesArriveAsFolderPathsOnTheSchedulingThread)
+{
+    TestHome home;
+    const QString folder = QString::fromStdString((home.path() / "watched").string());
+    TreeBuilder::makeFolder((home.path() / "watched" / "sub").string());
+    ThreadRecordingListener listener;
+    SCEvents watcher;
+    watcher.setDelegate(&listener);
+    watcher.setNotificationLatency(0.05);
+    ASSERT_TRUE(watcher.startWatchingPaths({folder}));
+    EXPECT_TRUE(watcher.streamDescription().value_or(QString()).contains(folder));
+
+    TreeBuilder::writeFile((home.path() / "watched" / "sub" / "new.txt").string(), "x");
+    ASSERT_TRUE(runEventLoopUntil([&] { return !listener.paths.empty(); }));
+    EXPECT_EQ(listener.paths.front(), folder + "/sub");
+    EXPECT_EQ(listener.threads.front(), QThread::currentThread());
+
+    EXPECT_TRUE(watcher.stopWatchingPaths());
+    const std::size_t delivered = listener.paths.size();
+    TreeBuilder::writeFile((home.path() / "watched" / "after.txt").string(), "x");
+    QCoreApplication::processEvents();
+    EXPECT_FALSE(runEventLoopUntil([&] { return listener.paths.size() > delivered; }, 300))
+        << "nothing after stop";
 }
 
 } // namespace
