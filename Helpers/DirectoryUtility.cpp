@@ -30,9 +30,17 @@ bool isFinderClutter(const char* name)
 
 FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::path& path)
 {
+    return sizeForDirectoryAtPath(path, nullptr);
+}
+
+FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::path& path,
+                                                       const std::atomic<bool>* stopCounting)
+{
     std::uint64_t totalSize = 0;
     std::uint32_t filesCount = 0; // unsigned so that the wrap is defined
     DirectoryWalker::walk(path, [&](const WalkEntry& entry) {
+        if (stopCounting && stopCounting->load(std::memory_order_relaxed))
+            return WalkAction::Continue;
         // A ".DS_Store" folder is itself skipped but still walked into, as the deep walk does.
         if (entry.isDirectory || isFinderClutter(entry.name) || isAliasFile(entry.parentFd, entry.name))
             return WalkAction::Continue;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <string>
@@ -19,6 +20,10 @@ public:
     // regular files, symbolic links (never followed) and special files, except items named ".DS_Store"
     // and alias files. A missing or unreadable folder measures 0 bytes and 0 files.
     static FolderMeasure sizeForDirectoryAtPath(const std::filesystem::path& path);
+    // The counting pass of a backup: the same rules, but once `stopCounting` is set the walk counts
+    // nothing more. It still runs to its end, as the pass it mirrors does.
+    static FolderMeasure sizeForDirectoryAtPath(const std::filesystem::path& path,
+                                                const std::atomic<bool>* stopCounting);
 
     // The home folder of the process's real user from the password database, not from $HOME: the
     // environment can point elsewhere, while this must name the folder that holds the user's documents.

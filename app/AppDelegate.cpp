@@ -50,8 +50,16 @@ void AppDelegate::applicationDidFinishLaunching()
 
 void AppDelegate::createMainWindow()
 {
-    MainWindowController::Services services{m_services.defaults, m_services.runningApplications,
-                                            &AppDelegate::isSandboxed, m_services.streamFactory};
+    MainWindowController::Services services{m_services.defaults,
+                                            m_services.runningApplications,
+                                            m_services.alerts,
+                                            m_services.folderChooser,
+                                            m_services.passwords,
+                                            &AppDelegate::isSandboxed,
+                                            [this] { return m_homeDirectory; },
+                                            [this](const QString& home) { m_homeDirectory = home; },
+                                            m_services.streamFactory,
+                                            m_services.quitAppsCheckInterval};
     m_mainWindowController = std::make_unique<MainWindowController>(services);
     m_mainMenu = std::make_unique<MainMenu>(m_mainWindowController->menuBar());
     connectMainMenu();

@@ -4,9 +4,11 @@
 
 #include <QObject>
 #include <QString>
+#include <chrono>
 #include <memory>
 #include <optional>
 
+class AlertPresenter;
 class FolderChooser;
 class MainMenu;
 class MainWindowController;
@@ -25,7 +27,9 @@ public:
         FolderChooser& folderChooser;
         const PasswordDatabase& passwords;
         RunningApplications& runningApplications;
+        AlertPresenter& alerts;
         SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
+        std::chrono::milliseconds quitAppsCheckInterval{1000};
     };
 
     explicit AppDelegate(Services services, QObject* parent = nullptr);

@@ -2,6 +2,7 @@
 #include "app/GraphicalSession.h"
 #include "app/iCloudPrefs.h"
 #include "platform/BundleInfo.h"
+#include "platform/MessageBoxAlertPresenter.h"
 #include "platform/PosixPasswordDatabase.h"
 #include "platform/ProcRunningApplications.h"
 #include "platform/QtFolderChooser.h"
@@ -28,7 +29,8 @@ int main(int argc, char* argv[])
     QtFolderChooser folderChooser;
     PosixPasswordDatabase passwords;
     ProcRunningApplications runningApplications;
-    AppDelegate delegate({defaults, folderChooser, passwords, runningApplications});
+    MessageBoxAlertPresenter alerts;
+    AppDelegate delegate({defaults, folderChooser, passwords, runningApplications, alerts});
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return QApplication::exec();
 }

@@ -1,23 +1,32 @@
 // Exposes the engine to the benchmark scripts under bench/: one sub-command per operation.
 #include "Helpers/DirectoryUtility.h"
 #include "app/iCloudPrefs.h"
+#include "engine/DirectoryCopier.h"
 #include "platform/EventStream.h"
+#include "platform/MessageBoxAlertPresenter.h"
+#include "platform/PosixPasswordDatabase.h"
 #include "platform/ProcRunningApplications.h"
+#include "platform/QtFolderChooser.h"
 #include "platform/UserDefaults.h"
 #include "ui/main/MainWindowController.h"
 
 #include <QApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
 #include <QTimer>
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <vector>
 #include <cstdio>
 #include <cstring>
 #include <string>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <thread>
 
 namespace {
 
@@ -26,6 +35,7 @@ int usage()
     std::fprintf(stderr, "usage: pelmora-bench measure DIR\n"
                          "       pelmora-bench watch DIR [LATENCY_SECONDS]\n"
                          "       pelmora-bench ui-latency DIR [ROUNDS]\n"
+                         "       pelmora-bench copy SRC DST\n"
                          "  PELMORA_BENCH_RSS=1 also prints memory figures (kB) on stderr\n");
     return 2;
 }
@@ -104,7 +114,11 @@ int uiLatency(int argc, char* argv[])
     UserDefaults defaults(settings.filePath(QStringLiteral("Pelmora.json")));
     iCloudPrefs::registerDefaults(defaults);
     ProcRunningApplications runningApplications;
-    MainWindowController controller({defaults, runningApplications, [] { return false; }});
+    MessageBoxAlertPresenter alerts;
+    QtFolderChooser chooser;
+    PosixPasswordDatabase passwords;
+    MainWindowController controller({defaults, runningApplications, alerts, chooser, passwords, [] { return false; },
+                                     [] { return std::optional<QString>(QDir::homePath()); }, [](const QString&) {}});
     controller.showWindow();
     controller.setMobileDocumentsDirectory(QFile::decodeName(argv[2]));
 
@@ -160,6 +174,41 @@ int uiLatency(int argc, char* argv[])
     return 0;
 }
 
+// Copies SRC into DST the way a backup runs: the walk on a worker thread, and for every copied file one
+// event posted to the main thread's event loop, which looks the file up and adds its size to the total.
+int copy(int argc, char* argv[])
+{
+    QCoreApplication application(argc, argv);
+    const std::filesystem::path source(argv[2]);
+    const std::filesystem::path destination(argv[3]);
+    std::atomic<bool> cancelRequested{false};
+    std::uint64_t copiedFiles = 0;
+    std::uint64_t copiedBytes = 0;
+    bool finished = false;
+    std::thread worker([&] {
+        finished = DirectoryCopier::copyDirectoryAtPath(
+            source, destination, cancelRequested, [&](const std::filesystem::path& copiedSource) {
+                QMetaObject::invokeMethod(
+                    &application,
+                    [&, copiedSource] {
+                        struct stat status {};
+                        if (::lstat(copiedSource.c_str(), &status) == 0)
+                            copiedBytes += static_cast<std::uint64_t>(status.st_size);
+                        ++copiedFiles;
+                    },
+                    Qt::QueuedConnection);
+            });
+        // Queued behind every progress event, so the main thread has counted them all when it quits.
+        QMetaObject::invokeMethod(&application, &QCoreApplication::quit, Qt::QueuedConnection);
+    });
+    QCoreApplication::exec();
+    worker.join();
+    std::printf("copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(copiedFiles),
+                static_cast<unsigned long long>(copiedBytes), finished ? "true" : "false");
+    reportPeakMemory();
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -170,5 +219,7 @@ int main(int argc, char* argv[])
         return watch(argc, argv);
     if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "ui-latency") == 0)
         return uiLatency(argc, argv);
+    if (argc == 4 && std::strcmp(argv[1], "copy") == 0)
+        return copy(argc, argv);
     return usage();
 }

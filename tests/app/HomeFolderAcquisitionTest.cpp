@@ -5,6 +5,7 @@
 #include "platform/FolderChooser.h"
 #include "platform/PasswordDatabase.h"
 #include "platform/UserDefaults.h"
+#include "support/ScriptedChoosers.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
@@ -16,23 +17,6 @@
 #include "support/QtPrinters.h"
 
 namespace {
-
-class ScriptedFolderChooser : public FolderChooser {
-public:
-    std::optional<QString> chooseFolder(const QString& title) override
-    {
-        titles << title;
-        return answer;
-    }
-    std::optional<QString> answer;
-    QStringList titles;
-};
-
-class ScriptedPasswordDatabase : public PasswordDatabase {
-public:
-    std::optional<std::string> homeDirectoryOfUser(uid_t) const override { return home; }
-    std::optional<std::string> home;
-};
 
 class HomeFolderAcquisitionTest : public ::testing::Test {
 protected:

@@ -7,7 +7,9 @@
 #include "platform/UserDefaults.h"
 #include "support/EventLoop.h"
 #include "support/FakeRunningApplications.h"
+#include "support/ScriptedAlertPresenter.h"
 #include "support/ScriptedEventStream.h"
+#include "support/ScriptedChoosers.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 #include "ui/main/MainWindowController.h"
@@ -22,23 +24,6 @@
 #include "support/QtPrinters.h"
 
 namespace {
-
-class ScriptedFolderChooser : public FolderChooser {
-public:
-    std::optional<QString> chooseFolder(const QString&) override
-    {
-        ++asked;
-        return answer;
-    }
-    std::optional<QString> answer;
-    int asked = 0;
-};
-
-class ScriptedPasswordDatabase : public PasswordDatabase {
-public:
-    std::optional<std::string> homeDirectoryOfUser(uid_t) const override { return home; }
-    std::string home;
-};
 
 QProcess* startProgram(const QStringList& removed, const QStringList& added)
 {
@@ -99,7 +84,8 @@ protected:
     ScriptedPasswordDatabase passwords;
     FakeRunningApplications applications;
     StreamLog streams;
-    AppDelegate delegate{{defaults, chooser, passwords, applications, scriptedStreamFactory(streams)}};
+    ScriptedAlertPresenter alerts;
+    AppDelegate delegate{{defaults, chooser, passwords, applications, alerts, scriptedStreamFactory(streams)}};
 };
 
 TEST_F(LaunchTest, OutsideASandboxTheWindowShowsTheFolderIsWatchedOnceMeasuredAndTheMenuTranslated)
@@ -111,7 +97,7 @@ TEST_F(LaunchTest, OutsideASandboxTheWindowShowsTheFolderIsWatchedOnceMeasuredAn
     EXPECT_TRUE(controller->isVisible());
     EXPECT_EQ(controller->windowTitle(), "Pelmora");
     EXPECT_FALSE(delegate.sandboxed());
-    EXPECT_EQ(chooser.asked, 0);
+    EXPECT_TRUE(chooser.titles.isEmpty());
     EXPECT_EQ(controller->mobileDocumentsDirectory(), iCloudFolder());
     EXPECT_EQ(streams.calls.count("create"), 1) << "the second start is refused by the watcher";
     EXPECT_TRUE(delegate.isObservingWindowClose());
@@ -143,7 +129,7 @@ TEST_F(LaunchTest, SandboxedFirstLaunchCancelledStillSubscribesAndTranslates)
     pretendSandboxed();
     delegate.applicationDidFinishLaunching();
 
-    EXPECT_EQ(chooser.asked, 1);
+    EXPECT_EQ(chooser.titles.size(), 1);
     EXPECT_FALSE(delegate.homeDirectory().has_value());
     EXPECT_FALSE(delegate.mainWindowController()->mobileDocumentsDirectory().has_value());
     EXPECT_EQ(delegate.mainWindowController()->labeliCloudSize()->text(), "?");

@@ -46,11 +46,13 @@ QString tablePath(const char* language)
     return QStringLiteral(PELMORA_SOURCE_DIR "/resources/strings/pelmora_%1.ts").arg(language);
 }
 
-// Every key the code hands to the Localizer as a literal.
+// Every text key written in the code: a string literal named the way keys are named, by the kind of
+// element it labels ("alert...", "btnTitle...", "button_...", "label...", ...).
 QSet<QString> keysUsedInCode()
 {
-    static const QRegularExpression lookup(
-        R"((?:localizedStringForKey|nonLocalizedStringForKey|nonlocalizedStringForKey)\(\s*(?:QStringLiteral\()?"([^"]+)\")");
+    static const QRegularExpression literal(
+        R"("((?:alert|btnTitle|button_|contextMenu|formatString|label|menuItem|openPanel|operation|placeholder|)"
+        R"(tableColumn|titleShow|windowTitle)[A-Za-z_]*)\")");
     QSet<QString> keys;
     for (const char* folder : {"app", "Helpers", "engine", "ui", "watch", "platform"}) {
         QDirIterator it(QStringLiteral(PELMORA_SOURCE_DIR "/") + folder, {"*.cpp", "*.h"}, QDir::Files,
@@ -60,7 +62,7 @@ QSet<QString> keysUsedInCode()
             if (!source.open(QIODevice::ReadOnly))
                 continue;
             const QString text = QString::fromUtf8(source.readAll());
-            for (const QRegularExpressionMatch& match : lookup.globalMatch(text))
+            for (const QRegularExpressionMatch& match : literal.globalMatch(text))
                 keys.insert(match.captured(1));
         }
     }

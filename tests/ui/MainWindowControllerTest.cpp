@@ -5,6 +5,8 @@
 #include "platform/UserDefaults.h"
 #include "support/EventLoop.h"
 #include "support/FakeRunningApplications.h"
+#include "support/ScriptedAlertPresenter.h"
+#include "support/ScriptedChoosers.h"
 #include "support/ScriptedEventStream.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
@@ -37,10 +39,22 @@ protected:
         iCloudPrefs::registerDefaults(defaults);
     }
 
+    MainWindowController::Services services(bool sandboxed = false)
+    {
+        return {defaults,
+                applications,
+                alerts,
+                chooser,
+                passwords,
+                [sandboxed] { return sandboxed; },
+                [this] { return homeDirectory; },
+                [this](const QString& home) { homeDirectory = home; },
+                scriptedStreamFactory(streams),
+                std::chrono::milliseconds(10)};
+    }
     std::unique_ptr<MainWindowController> openWindow(bool sandboxed = false)
     {
-        auto controller = std::make_unique<MainWindowController>(MainWindowController::Services{
-            defaults, applications, [sandboxed] { return sandboxed; }, scriptedStreamFactory(streams)});
+        auto controller = std::make_unique<MainWindowController>(services(sandboxed));
         controller->showWindow();
         return controller;
     }
@@ -67,6 +81,10 @@ protected:
     TestHome home;
     UserDefaults defaults{UserDefaults::standardFilePath()};
     FakeRunningApplications applications;
+    ScriptedAlertPresenter alerts;
+    ScriptedFolderChooser chooser;
+    ScriptedPasswordDatabase passwords;
+    std::optional<QString> homeDirectory = QString::fromStdString(home.path().string());
     StreamLog streams;
 };
 
@@ -216,11 +234,12 @@ TEST_F(MainWindowControllerTest, AFileWrittenIntoTheWatchedFolderShowsInTheSizeL
     const auto folder = home.path() / "Library" / "Mobile Documents";
     TreeBuilder::writeFileOfSize(folder / "com~apple~CloudDocs" / "a", 1000);
     // The platform's own stream, with a latency short enough for a test.
-    MainWindowController controller({defaults, applications, [] { return false; },
-                                     [](const QStringList& paths, std::uint64_t since, double,
-                                        EventStream::Callback callback) {
-                                         return EventStream::create(paths, since, 0.05, std::move(callback));
-                                     }});
+    MainWindowController::Services withRealStream = services();
+    withRealStream.streamFactory = [](const QStringList& paths, std::uint64_t since, double,
+                                      EventStream::Callback callback) {
+        return EventStream::create(paths, since, 0.05, std::move(callback));
+    };
+    MainWindowController controller(withRealStream);
     controller.showWindow();
     ASSERT_TRUE(waitForSize(controller));
     ASSERT_EQ(controller.labeliCloudSize()->text(), ByteCountFormatter::stringFromByteCount(1000));

@@ -1,11 +1,22 @@
 #include "MainWindowController.h"
 
 #include "Helpers/ByteCountFormatter.h"
+#include "Helpers/CocoaAdditions.h"
 #include "Helpers/DirectoryUtility.h"
+#include "Helpers/ItemRemover.h"
 #include "Helpers/Localizer.h"
+#include "app/HomeFolderAcquisition.h"
+#include "app/iCloudPrefs.h"
+#include "engine/BackupRoot.h"
+#include "engine/DirectoryCopier.h"
+#include "platform/Bookmark.h"
 #include "platform/BundleInfo.h"
+#include "platform/FolderChooser.h"
 #include "platform/RunningApplications.h"
 #include "platform/UserDefaults.h"
+#include "ui/main/AppsUsingiCloud.h"
+#include "ui/main/BackupAlerts.h"
+#include "ui/quitapps/QuitAppsRequestWindowController.h"
 #include "ui/main/BackupsTableModel.h"
 #include "ui_MainWindowController.h"
 #include "ui_OperationProgressWindow.h"
@@ -13,6 +24,8 @@
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDir>
+#include <QFileInfo>
+#include <QProgressBar>
 #include <QGraphicsDropShadowEffect>
 #include <QHeaderView>
 #include <QMenu>
@@ -20,6 +33,7 @@
 #include <QThread>
 #include <QThreadPool>
 #include <cmath>
+#include <sys/stat.h>
 
 namespace {
 
@@ -50,6 +64,7 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     , m_progressUi(std::make_unique<Ui::OperationProgressWindow>())
     , m_operationProgressWindow(std::make_unique<QDialog>(this))
     , m_backups(m_services.defaults)
+    , m_alerts(std::make_unique<BackupAlerts>(m_services.alerts, m_services.defaults))
 {
     m_ui->setupUi(this);
     m_progressUi->setupUi(m_operationProgressWindow.get());
@@ -60,6 +75,7 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     m_tableViewPlaceholderLabel->setWordWrap(true);
     m_tableViewPlaceholderLabel->setEnabled(false); // drawn in the disabled text colour, like a hint
     m_ui->backupsTable->viewport()->installEventFilter(this);
+    connect(m_progressUi->cancelCopyingBtn, &QPushButton::clicked, this, [this] { cancelCopying(); });
 }
 
 MainWindowController::~MainWindowController()
@@ -123,7 +139,7 @@ void MainWindowController::resetOperationState()
     m_currentCountOfCopiedItems = 0;
     m_iCloudBeingRestored = false;
     m_iCloudBackingUp = false;
-    m_canceled = false;
+    m_canceled->store(false);
     m_calculatingiCloudSize = false;
 }
 
@@ -253,9 +269,18 @@ bool MainWindowController::validateMenuItem(const QAction* item) const
 
 void MainWindowController::performAction(Action action)
 {
-    // The operations behind the other commands are the controller's own and are added with them.
-    if (action == Action::ShowBackupInfo && m_showBackupInfo)
-        m_showBackupInfo();
+    switch (action) {
+    case Action::ShowBackupInfo:
+        if (m_showBackupInfo)
+            m_showBackupInfo();
+        break;
+    case Action::BackUpNow:
+        backUpNow();
+        break;
+    default:
+        // Restore, delete and reveal are not built yet.
+        break;
+    }
 }
 
 void MainWindowController::pathWatcherEventOccurred(SCEvents*, const std::shared_ptr<SCEvent>&)
@@ -265,27 +290,7 @@ void MainWindowController::pathWatcherEventOccurred(SCEvents*, const std::shared
 
 int MainWindowController::calculateCountOfRunningAppsThatUseiCloud() const
 {
-    const QList<RunningApplication> applications = m_services.runningApplications.runningApplications();
-    if (!m_mobileDocumentsDirectory)
-        return 0;
-    QStringList containers;
-    const QStringList names = QDir(*m_mobileDocumentsDirectory)
-                                  .entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                                             QDir::Unsorted);
-    for (const QString& name : names) {
-        if (!name.startsWith(QLatin1Char('.')))
-            containers << QString(name).replace(QLatin1Char('~'), QLatin1Char('.'));
-    }
-    int count = 0;
-    for (const QString& container : containers) {
-        for (const RunningApplication& application : applications) {
-            // A plain substring test, kept as it is: a short identifier may match many containers.
-            if (application.bundleIdentifier && container.contains(*application.bundleIdentifier) &&
-                *application.bundleIdentifier != QLatin1String("com.apple.finder"))
-                ++count;
-        }
-    }
-    return count;
+    return static_cast<int>(AppsUsingiCloud::detect(m_services.runningApplications, m_mobileDocumentsDirectory).size());
 }
 
 void MainWindowController::setLastBackupInfo()
@@ -350,6 +355,286 @@ void MainWindowController::restyleSizeLabel(QLabel* label)
         shadow->setColor(QColor(69, 69, 69));
         label->setGraphicsEffect(shadow);
     }
+}
+
+void MainWindowController::backUpNow()
+{
+    m_canceled->store(false);
+    if (!m_services.homeDirectory() && !askForHomeDirectory())
+        return;
+    const QFileInfo iCloudFolder(m_mobileDocumentsDirectory.value_or(QString()));
+    if (!m_mobileDocumentsDirectory || !iCloudFolder.isDir()) {
+        runNotAvailableiCloudAlert();
+        return;
+    }
+    if (!QFileInfo(iCloudFolder.filePath() + QStringLiteral("/com~apple~CloudDocs")).isDir()) {
+        runiCloudDriveRequiredAlert();
+        return;
+    }
+    m_iCloudBackingUp = true;
+    if (calculateCountOfRunningAppsThatUseiCloud() >= 1) {
+        showQuitAppsRequest(QuitAppsRequestWindowController::kBackUpTag, "windowTitleCloseAppsBeforeBackUp",
+                            "btnTitleBackUpNow");
+        return; // still marked as backing up while the request is open
+    }
+    beginBackUp();
+}
+
+// A sandboxed start without a stored bookmark: the user picks the home folder now.
+bool MainWindowController::askForHomeDirectory()
+{
+    const std::optional<QString> chosen = m_services.folderChooser.chooseFolder(localized("openPanelTitle"));
+    const QString realHome = QFile::decodeName(DirectoryUtility::realHomeDirectory(m_services.passwords).c_str());
+    if (!chosen || *chosen != realHome) {
+        runBadHomeDirectoryAlert();
+        return false;
+    }
+    m_services.setHomeDirectory(*chosen);
+    const std::optional<std::string> bookmark = Bookmark::create(QFile::encodeName(*chosen).toStdString());
+    if (bookmark) {
+        m_services.defaults.setDataForKey(QByteArray::fromStdString(*bookmark), iCloudPrefs::kHomeDirBookmarkDataKey);
+        useHomeDirectory(*chosen);
+    }
+    return true; // without a bookmark the next check finds no iCloud folder and says so
+}
+
+void MainWindowController::useHomeDirectory(const QString& home)
+{
+    m_mobileDocumentsDirectory = HomeFolderAcquisition::mobileDocumentsDirectory(home);
+    m_folderEvents->startWatchingPaths({*m_mobileDocumentsDirectory}, QThread::currentThread());
+    setiCloudSize();
+}
+
+void MainWindowController::showQuitAppsRequest(int tag, const char* windowTitleKey, const char* buttonTitleKey)
+{
+    if (!m_quitAppsController)
+        m_quitAppsController = std::make_unique<QuitAppsRequestWindowController>(
+            *this, m_services.runningApplications, m_services.quitAppsCheckInterval, this);
+    QuitAppsRequestWindowController& request = *m_quitAppsController;
+    request.showWindow();
+    request.setWindowTitle(localized(windowTitleKey));
+    const QString buttonTitle = localized(buttonTitleKey);
+    request.backUpNowOrRestoreBtn()->setText(buttonTitle);
+    request.cancelBtn()->setText(Localizer::cancelButtonTitle());
+    request.infoLabel()->setText(localized("formatStringCloseApps").arg(buttonTitle));
+    QuitAppsRequestWindowController::setTag(request.backUpNowOrRestoreBtn(), tag);
+    request.reloadTable();
+    request.scheduleCheckAppsStateTimer();
+}
+
+void MainWindowController::beginBackUp()
+{
+    m_totalSizeOfItemsToCopy = 0;
+    m_totalCountOfItemsToCopy = 0;
+    m_currentSizeOfCopiedItems = 0;
+    m_currentCountOfCopiedItems = 0;
+    showProgressWindow("windowTitleOperationBackUp", "operationPreparingToCopyItems");
+    setCopyButtonsEnabled(false);
+    const QDateTime start = QDateTime::currentDateTime();
+    m_iCloudBackupDirectory = BackupRoot::folderPath(start);
+    startCountingPass(start);
+}
+
+void MainWindowController::showProgressWindow(const char* titleKey, const char* infoKey)
+{
+    m_operationProgressWindow->setWindowTitle(localized(titleKey));
+    m_progressUi->operationInfoLabel->setText(localized(infoKey));
+    m_progressUi->cancelCopyingBtn->setText(Localizer::cancelButtonTitle());
+    m_progressUi->copyingTotalProgressIndicator->setRange(0, 0); // indeterminate, animating
+    m_progressUi->cancelCopyingBtn->setEnabled(true);
+    m_cancelCopyRequested = std::make_shared<std::atomic<bool>>(false);
+    centerProgressWindow();
+    m_operationProgressWindow->show();
+    m_operationProgressWindow->raise();
+    m_operationProgressWindow->activateWindow();
+}
+
+void MainWindowController::centerProgressWindow()
+{
+    const QRect main = frameGeometry();
+    const QRect progress = m_operationProgressWindow->frameGeometry();
+    m_operationProgressWindow->move(main.x() + main.width() / 2 - progress.width() / 2,
+                                    main.y() + main.height() / 2 - progress.height() / 2);
+}
+
+void MainWindowController::setCopyButtonsEnabled(bool enabled)
+{
+    m_ui->backUpNowBtn->setEnabled(enabled);
+    m_ui->restoreFromBackupBtn->setEnabled(enabled);
+}
+
+void MainWindowController::startCountingPass(const QDateTime& start)
+{
+    const std::string source = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
+    QPointer<MainWindowController> controller(this);
+    std::shared_ptr<std::atomic<bool>> canceled = m_canceled;
+    QThreadPool::globalInstance()->start([source, canceled, controller, start] {
+        // Cancelling stops the counting, not the walk: the pass still runs to its end.
+        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(source, canceled.get());
+        QMetaObject::invokeMethod(
+            qApp,
+            [controller, start, measure] {
+                if (controller)
+                    controller->checkSpaceAndCreateFolder(start, measure.totalSize, measure.totalFilesCount);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void MainWindowController::checkSpaceAndCreateFolder(const QDateTime& start, std::uint64_t size, std::int32_t count)
+{
+    m_totalSizeOfItemsToCopy = size;
+    m_totalCountOfItemsToCopy = count;
+    if (isCanceled()) {
+        endBackUpEarly();
+        return;
+    }
+    // The source volume's free space, as required; a failed query passes the check.
+    FsError error;
+    const std::int64_t free =
+        CocoaAdditions::determineFreeSpaceOnDeviceByPath(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(), &error);
+    if (error.code == 0 && static_cast<std::uint64_t>(free) < m_totalSizeOfItemsToCopy) {
+        m_operationProgressWindow->hide();
+        setCopyButtonsEnabled(true);
+        runNotEnoughDiskSpaceAlert();
+        m_iCloudBackingUp = false;
+        emit backUpFinished();
+        return;
+    }
+    showCopyProgress();
+    m_progressUi->operationInfoLabel->setText(localized("operationCopyingDataFromiCloud"));
+    std::error_code created;
+    std::filesystem::create_directories(QFile::encodeName(m_iCloudBackupDirectory).toStdString(), created);
+    if (created || !QFileInfo(m_iCloudBackupDirectory).isDir())
+        return; // kept as it is: the progress window stays up and the backup stalls
+    startCopyStep(start);
+}
+
+void MainWindowController::endBackUpEarly()
+{
+    m_operationProgressWindow->hide();
+    setCopyButtonsEnabled(true);
+    m_iCloudBackingUp = false;
+    emit backUpFinished();
+}
+
+void MainWindowController::startCopyStep(const QDateTime& start)
+{
+    const std::filesystem::path source = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
+    const std::filesystem::path destination = QFile::encodeName(m_iCloudBackupDirectory).toStdString();
+    QPointer<MainWindowController> controller(this);
+    std::shared_ptr<std::atomic<bool>> cancelRequested = m_cancelCopyRequested;
+    auto copier = m_services.copier ? m_services.copier : &DirectoryCopier::copyDirectoryAtPath;
+    QThreadPool::globalInstance()->start([copier, source, destination, cancelRequested, controller, start] {
+        const bool copied = copier(
+            source, destination, *cancelRequested, [controller](const std::filesystem::path& copiedSource) {
+                QMetaObject::invokeMethod(
+                    qApp,
+                    [controller, copiedSource] {
+                        if (controller)
+                            controller->progressUpdate(copiedSource);
+                    },
+                    Qt::QueuedConnection);
+            });
+        // Posted after every progress update of this copy, so the main thread runs them all first.
+        QMetaObject::invokeMethod(
+            qApp,
+            [controller, start, copied] {
+                if (controller)
+                    controller->finishBackUp(start, copied);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void MainWindowController::progressUpdate(const std::filesystem::path& copiedSource)
+{
+    ++m_currentCountOfCopiedItems;
+    struct stat st {};
+    if (::lstat(copiedSource.c_str(), &st) == 0)
+        m_currentSizeOfCopiedItems += static_cast<std::uint64_t>(st.st_size);
+    showCopyProgress();
+}
+
+// The bar counts in bytes, scaled into the range a progress bar holds. It may end below its maximum:
+// skipped and already existing files add nothing.
+void MainWindowController::showCopyProgress()
+{
+    constexpr int kSteps = 1000000;
+    QProgressBar* bar = m_progressUi->copyingTotalProgressIndicator;
+    bar->setRange(0, kSteps);
+    const double fraction = m_totalSizeOfItemsToCopy == 0
+                                ? 0.0
+                                : static_cast<double>(m_currentSizeOfCopiedItems) / static_cast<double>(m_totalSizeOfItemsToCopy);
+    bar->setValue(static_cast<int>(std::min(1.0, fraction) * kSteps));
+}
+
+void MainWindowController::finishBackUp(const QDateTime& start, bool copied)
+{
+    m_operationProgressWindow->hide();
+    if (copied) {
+        m_backups.append(BackupRecord::make(start, m_iCloudBackupDirectory,
+                                            static_cast<qint64>(m_totalSizeOfItemsToCopy)));
+        m_tableModel->reloadData();
+        m_ui->restoreFromBackupBtn->setEnabled(true);
+        m_ui->deleteBackupBtn->setEnabled(true);
+        m_ui->showInFinderBtn->setEnabled(true);
+        setLastBackupInfo();
+    } else {
+        ItemRemover::removeItemAtPath(QFile::encodeName(m_iCloudBackupDirectory).toStdString());
+    }
+    m_iCloudBackingUp = false;
+    setCopyButtonsEnabled(true);
+    emit backUpFinished();
+}
+
+void MainWindowController::cancelCopying()
+{
+    m_progressUi->cancelCopyingBtn->setEnabled(false);
+    m_cancelCopyRequested->store(true);
+    m_progressUi->operationInfoLabel->setText(localized("operationCanceling"));
+    m_progressUi->copyingTotalProgressIndicator->setRange(0, 0);
+    m_canceled->store(true);
+}
+
+int MainWindowController::runRemoveBackupConfirmationDlg()
+{
+    return m_alerts->runRemoveBackupConfirmationDlg();
+}
+
+int MainWindowController::runRestoreConfirmationDlg()
+{
+    return m_alerts->runRestoreConfirmationDlg();
+}
+
+void MainWindowController::runBadHomeDirectoryAlert()
+{
+    m_alerts->runBadHomeDirectoryAlert();
+}
+
+void MainWindowController::runNoBackupSelectedAlert()
+{
+    m_alerts->runNoBackupSelectedAlert();
+}
+
+void MainWindowController::runNotAvailableiCloudAlert()
+{
+    m_alerts->runNotAvailableiCloudAlert(isYosemiteRunning());
+}
+
+void MainWindowController::runNotEnoughDiskSpaceAlert()
+{
+    m_alerts->runNotEnoughDiskSpaceAlert(m_iCloudBackingUp);
+}
+
+void MainWindowController::runBackupNotFoundAlert()
+{
+    m_alerts->runBackupNotFoundAlert();
+}
+
+void MainWindowController::runiCloudDriveRequiredAlert()
+{
+    m_alerts->runiCloudDriveRequiredAlert();
 }
 
 bool MainWindowController::isYosemiteRunning(double libraryVersion)

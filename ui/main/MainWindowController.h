@@ -6,12 +6,20 @@
 
 #include <QMainWindow>
 #include <QPointer>
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 
+class AlertPresenter;
+class BackupAlerts;
 class BackupsTableModel;
+class FolderChooser;
+class PasswordDatabase;
+class QuitAppsRequestWindowController;
 class QAction;
 class QDialog;
 class QLabel;
@@ -38,9 +46,22 @@ public:
 
     struct Services {
         UserDefaults& defaults;
-        const RunningApplications& runningApplications;
+        RunningApplications& runningApplications;
+        AlertPresenter& alerts;
+        FolderChooser& folderChooser;
+        const PasswordDatabase& passwords;
+        // The application delegate's answers: whether it runs sandboxed, and the user's home folder.
         std::function<bool()> isSandboxed;
+        std::function<std::optional<QString>()> homeDirectory;
+        std::function<void(const QString&)> setHomeDirectory;
         SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
+        std::chrono::milliseconds quitAppsCheckInterval{1000};
+        // The copy step's walk; empty: DirectoryCopier. Tests wrap it to act at a chosen file.
+        using CopierFunction =
+            std::function<bool(const std::filesystem::path& source, const std::filesystem::path& destination,
+                               const std::atomic<bool>& cancelRequested,
+                               const std::function<void(const std::filesystem::path&)>& progress)>;
+        CopierFunction copier = {};
     };
 
     static inline const QString kDateColumn = QStringLiteral("date");
@@ -59,7 +80,7 @@ public:
     void setICloudBackingUp(bool running) { m_iCloudBackingUp = running; }
     bool isiCloudBeingRestored() const { return m_iCloudBeingRestored; }
     void setICloudBeingRestored(bool running) { m_iCloudBeingRestored = running; }
-    bool isCanceled() const { return m_canceled; }
+    bool isCanceled() const { return m_canceled->load(); }
     bool isCalculatingiCloudSizeInProgress() const { return m_calculatingiCloudSize; }
     void setCalculatingiCloudSize(bool calculating) { m_calculatingiCloudSize = calculating; }
 
@@ -69,6 +90,26 @@ public:
     const BackupStore& backups() const { return m_backups; }
     SCEvents* folderEvents() const { return m_folderEvents.get(); }
     const QString& iCloudBackupDirectory() const { return m_iCloudBackupDirectory; }
+    std::uint64_t totalSizeOfItemsToCopy() const { return m_totalSizeOfItemsToCopy; }
+    std::int32_t totalCountOfItemsToCopy() const { return m_totalCountOfItemsToCopy; }
+    std::uint64_t currentSizeOfCopiedItems() const { return m_currentSizeOfCopiedItems; }
+    std::int32_t currentCountOfCopiedItems() const { return m_currentCountOfCopiedItems; }
+    QuitAppsRequestWindowController* quitAppsController() const { return m_quitAppsController.get(); }
+
+    // Makes a new backup of the iCloud folder: checks on this thread, then counts and copies in the
+    // background behind the progress window. Returns as soon as the work is started or a check failed.
+    void backUpNow();
+    // The Cancel button: the running count or copy stops at its next file; nothing waits for it here.
+    void cancelCopying();
+
+    int runRemoveBackupConfirmationDlg();
+    int runRestoreConfirmationDlg();
+    void runBadHomeDirectoryAlert();
+    void runNoBackupSelectedAlert();
+    void runNotAvailableiCloudAlert();
+    void runNotEnoughDiskSpaceAlert();
+    void runBackupNotFoundAlert();
+    void runiCloudDriveRequiredAlert();
 
     // Table data source.
     int numberOfRowsInTableView() const;
@@ -107,6 +148,8 @@ public:
 
 signals:
     void iCloudSizeChanged();
+    // A backup ended: recorded, cancelled, refused for lack of space, or stopped while counting.
+    void backUpFinished();
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -126,6 +169,20 @@ private:
     void placePlaceholder();
     QAction* addMenuItem(QMenu* menu, const QString& titleKey, Action action, const QKeySequence& shortcut,
                          int row);
+    bool askForHomeDirectory();
+    void useHomeDirectory(const QString& home);
+    void showQuitAppsRequest(int tag, const char* windowTitleKey, const char* buttonTitleKey);
+    void beginBackUp();
+    void showProgressWindow(const char* titleKey, const char* infoKey);
+    void centerProgressWindow();
+    void setCopyButtonsEnabled(bool enabled);
+    void startCountingPass(const QDateTime& start);
+    void checkSpaceAndCreateFolder(const QDateTime& start, std::uint64_t size, std::int32_t count);
+    void startCopyStep(const QDateTime& start);
+    void progressUpdate(const std::filesystem::path& copiedSource);
+    void showCopyProgress();
+    void finishBackUp(const QDateTime& start, bool copied);
+    void endBackUpEarly();
 
     Services m_services;
     std::unique_ptr<Ui::MainWindowController> m_ui;
@@ -137,7 +194,10 @@ private:
 
     bool m_iCloudBackingUp = false;
     bool m_iCloudBeingRestored = false;
-    bool m_canceled = false;
+    // Shared with the background steps, which may outlive a run's state: both are set by cancelCopying,
+    // the copier's one exactly when the Cancel button is disabled.
+    std::shared_ptr<std::atomic<bool>> m_canceled = std::make_shared<std::atomic<bool>>(false);
+    std::shared_ptr<std::atomic<bool>> m_cancelCopyRequested = std::make_shared<std::atomic<bool>>(false);
     bool m_calculatingiCloudSize = false;
     std::int32_t m_totalCountOfItemsToCopy = 0;
     std::int32_t m_currentCountOfCopiedItems = 0;
@@ -148,4 +208,6 @@ private:
     std::unique_ptr<SCEvents> m_folderEvents;
     QString m_iCloudBackupDirectory;
     std::function<void()> m_showBackupInfo;
+    std::unique_ptr<BackupAlerts> m_alerts;
+    std::unique_ptr<QuitAppsRequestWindowController> m_quitAppsController;
 };

@@ -1,0 +1,348 @@
+#include "Helpers/Localizer.h"
+#include "app/iCloudPrefs.h"
+#include "engine/BackupStore.h"
+#include "engine/DirectoryCopier.h"
+#include "platform/UserDefaults.h"
+#include "support/EventLoop.h"
+#include "support/FakeRunningApplications.h"
+#include "support/ScriptedAlertPresenter.h"
+#include "support/ScriptedChoosers.h"
+#include "support/ScriptedEventStream.h"
+#include "support/TestHome.h"
+#include "support/TreeBuilder.h"
+#include "ui/main/MainWindowController.h"
+#include "ui/quitapps/QuitAppsRequestWindowController.h"
+
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTableWidget>
+#include <QTimer>
+#include <future>
+#include <gtest/gtest.h>
+
+#include "support/QtPrinters.h"
+
+namespace fs = std::filesystem;
+using namespace TreeBuilder;
+
+namespace {
+
+QString text(const char* key)
+{
+    return Localizer::localizedStringForKey(QString::fromLatin1(key));
+}
+
+class BackUpNowTest : public ::testing::Test {
+protected:
+    BackUpNowTest()
+    {
+        Localizer::Resources english;
+        english.userLanguages = QStringList{"en"};
+        Localizer::setResources(english);
+        iCloudPrefs::registerDefaults(defaults);
+        passwords.home = home.path().string();
+    }
+
+    fs::path iCloud() const { return home.path() / "Library" / "Mobile Documents"; }
+    void makeiCloudFolder()
+    {
+        writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "report.pages", 1200);
+        writeFileOfSize(iCloud() / "com~apple~CloudDocs" / ".DS_Store", 6148);
+        writeFileOfSize(iCloud() / "iCloud~com~example~Notes" / "Documents" / "note.txt", 300);
+        makeSymlink("report.pages", iCloud() / "com~apple~CloudDocs" / "link");
+    }
+    std::unique_ptr<MainWindowController> openWindow()
+    {
+        MainWindowController::Services services{defaults,
+                                                applications,
+                                                alerts,
+                                                chooser,
+                                                passwords,
+                                                [] { return false; },
+                                                [this] { return homeDirectory; },
+                                                [this](const QString& chosen) { homeDirectory = chosen; },
+                                                scriptedStreamFactory(streams),
+                                                std::chrono::milliseconds(10),
+                                                copier};
+        auto controller = std::make_unique<MainWindowController>(services);
+        controller->showWindow();
+        runEventLoopUntil([&] { return !controller->isCalculatingiCloudSizeInProgress(); });
+        return controller;
+    }
+    static bool backUp(MainWindowController& controller)
+    {
+        QSignalSpy finished(&controller, &MainWindowController::backUpFinished);
+        controller.backUpNow();
+        return runEventLoopUntil([&] { return finished.count() > 0; }, 20000);
+    }
+    static std::vector<fs::path> entries(const fs::path& folder)
+    {
+        std::vector<fs::path> found;
+        if (!fs::exists(folder))
+            return found;
+        for (const auto& entry : fs::recursive_directory_iterator(folder))
+            found.push_back(entry.path().lexically_relative(folder));
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+
+    TestHome home;
+    UserDefaults defaults{UserDefaults::standardFilePath()};
+    FakeRunningApplications applications;
+    ScriptedAlertPresenter alerts;
+    ScriptedFolderChooser chooser;
+    ScriptedPasswordDatabase passwords;
+    std::optional<QString> homeDirectory = QString::fromStdString(home.path().string());
+    StreamLog streams;
+    MainWindowController::Services::CopierFunction copier = {};
+};
+
+TEST_F(BackUpNowTest, CopiesTheiCloudFolderIntoADatedFolderAndRecordsIt)
+{
+    makeiCloudFolder();
+    auto controller = openWindow();
+    const QDateTime before = QDateTime::currentDateTime().addSecs(-1);
+
+    ASSERT_TRUE(backUp(*controller));
+
+    EXPECT_TRUE(alerts.shown.isEmpty()) << "no message on success";
+    ASSERT_EQ(controller->backups().count(), 1);
+    const BackupRecordRef record = controller->backups().last();
+    const fs::path folder = QFile::encodeName(record->backupFolder().value()).toStdString();
+    EXPECT_EQ(folder.parent_path(), home.dataHome() / "Pelmora");
+    EXPECT_GE(record->backupDate().value(), before);
+    EXPECT_EQ(folder.filename().string(),
+              QLocale().toString(record->backupDate()->toLocalTime(), "yyyy.MM.dd-HH.mm.ss").toStdString());
+    EXPECT_EQ(record->backupSize(), 1200 + 300 + 12) << "the counted size, link included, no .DS_Store";
+    EXPECT_EQ(entries(folder), (std::vector<fs::path>{"com~apple~CloudDocs", "com~apple~CloudDocs/link",
+                                                      "com~apple~CloudDocs/report.pages", "iCloud~com~example~Notes",
+                                                      "iCloud~com~example~Notes/Documents",
+                                                      "iCloud~com~example~Notes/Documents/note.txt"}));
+    EXPECT_EQ(readFile(folder / "com~apple~CloudDocs" / "report.pages"), std::string(1200, 'x'));
+
+    UserDefaults later(UserDefaults::standardFilePath());
+    BackupStore stored(later);
+    stored.load();
+    ASSERT_EQ(stored.count(), 1);
+    EXPECT_EQ(stored.at(0)->backupFolder(), record->backupFolder());
+
+    EXPECT_FALSE(controller->isiCloudBackingUp());
+    EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
+    EXPECT_TRUE(controller->backUpNowBtn()->isEnabled());
+    EXPECT_TRUE(controller->restoreFromBackupBtn()->isEnabled());
+    EXPECT_EQ(controller->currentCountOfCopiedItems(), 3);
+    EXPECT_EQ(controller->backupsTable()->model()->rowCount(), 1);
+    EXPECT_TRUE(controller->lastBackupInfoLabel()->text().startsWith(text("labelLastBackup") + ":\n"));
+    EXPECT_FALSE(controller->lastBackupInfoLabel()->text().endsWith(text("labelLastBackupDateNever")));
+}
+
+TEST_F(BackUpNowTest, AnEmptyiCloudDriveMakesARecordOfZeroBytes)
+{
+    makeFolder(iCloud() / "com~apple~CloudDocs");
+    auto controller = openWindow();
+    ASSERT_TRUE(backUp(*controller));
+    ASSERT_EQ(controller->backups().count(), 1);
+    EXPECT_EQ(controller->backups().last()->backupSize(), 0);
+    const fs::path folder = QFile::encodeName(*controller->backups().last()->backupFolder()).toStdString();
+    EXPECT_EQ(entries(folder), std::vector<fs::path>{"com~apple~CloudDocs"});
+}
+
+TEST_F(BackUpNowTest, WithoutTheiCloudFolderOrItsDriveNothingHappensButAnAlert)
+{
+    auto controller = openWindow();
+    controller->backUpNow();
+    EXPECT_EQ(alerts.messages(), QStringList({text("alertNotAvailableiCloudInYosemiteWarningMessage")}));
+
+    writeFileOfSize(iCloud() / "iCloud~com~example~Notes" / "n", 1);
+    controller->backUpNow();
+    ASSERT_EQ(alerts.shown.size(), 2);
+    const Alert& driveRequired = alerts.shown.last();
+    EXPECT_EQ(driveRequired.messageText, text("alertiCloudDriveRequiredMessage"));
+    EXPECT_TRUE(driveRequired.informativeText.isEmpty());
+    ASSERT_EQ(driveRequired.buttons.size(), 1);
+    EXPECT_EQ(driveRequired.buttons[0].title, Localizer::cancelButtonTitle());
+    EXPECT_EQ(driveRequired.buttons[0].keyEquivalent, "\r");
+
+    EXPECT_FALSE(controller->isiCloudBackingUp());
+    EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
+    EXPECT_FALSE(fs::exists(home.dataHome() / "Pelmora"));
+}
+
+TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehind)
+{
+    makeiCloudFolder();
+    auto controller = openWindow();
+    QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
+    controller->backUpNow();
+    ASSERT_TRUE(controller->operationProgressWindow()->isVisible());
+    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationPreparingToCopyItems"));
+    EXPECT_FALSE(controller->backUpNowBtn()->isEnabled());
+    // The count runs in the background; its result is handled on this thread, after this cancel.
+    controller->cancelCopying();
+    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled());
+    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCanceling"));
+
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() > 0; }));
+    EXPECT_FALSE(fs::exists(home.dataHome() / "Pelmora"));
+    EXPECT_EQ(controller->backups().count(), 0);
+    EXPECT_FALSE(controller->isiCloudBackingUp());
+    EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
+    EXPECT_TRUE(controller->backUpNowBtn()->isEnabled());
+}
+
+TEST_F(BackUpNowTest, CancelDuringTheCopyRemovesThePartialFolder)
+{
+    makeiCloudFolder();
+    for (int i = 0; i < 20; ++i)
+        writeFileOfSize(iCloud() / "com~apple~CloudDocs" / ("more-" + std::to_string(i)), 10);
+    // The copy waits after its first file until the test has pressed Cancel.
+    std::promise<void> cancelled;
+    std::shared_future<void> pressed = cancelled.get_future().share();
+    copier = [pressed](const fs::path& source, const fs::path& destination, const std::atomic<bool>& cancel,
+                       const std::function<void(const fs::path&)>& progress) {
+        bool first = true;
+        return DirectoryCopier::copyDirectoryAtPath(source, destination, cancel, [&](const fs::path& copied) {
+            progress(copied);
+            if (std::exchange(first, false))
+                pressed.wait();
+        });
+    };
+    auto controller = openWindow();
+    QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
+    controller->backUpNow();
+    ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
+    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCopyingDataFromiCloud"));
+    EXPECT_GT(controller->copyingTotalProgressIndicator()->value(), 0);
+    const QString folder = controller->iCloudBackupDirectory();
+    EXPECT_TRUE(QFileInfo(folder).isDir());
+    controller->cancelCopying();
+    cancelled.set_value();
+
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() > 0; }));
+    EXPECT_FALSE(QFileInfo::exists(folder));
+    EXPECT_EQ(controller->backups().count(), 0);
+    EXPECT_FALSE(controller->isiCloudBackingUp());
+    EXPECT_LT(controller->currentCountOfCopiedItems(), 24);
+}
+
+TEST_F(BackUpNowTest, TwoBackupsInOneSecondShareAFolder)
+{
+    makeiCloudFolder();
+    auto controller = openWindow();
+    ASSERT_TRUE(backUp(*controller));
+    ASSERT_TRUE(backUp(*controller));
+    ASSERT_EQ(controller->backups().count(), 2);
+    const QDateTime first = *controller->backups().at(0)->backupDate();
+    const QDateTime second = *controller->backups().at(1)->backupDate();
+    if (first.toSecsSinceEpoch() != second.toSecsSinceEpoch())
+        GTEST_SKIP() << "the two backups fell into different seconds";
+    EXPECT_EQ(controller->backups().at(0)->backupFolder(), controller->backups().at(1)->backupFolder());
+}
+
+TEST_F(BackUpNowTest, ASandboxedStartWithoutAHomeAsksForItFirst)
+{
+    makeiCloudFolder();
+    homeDirectory.reset();
+    auto controller = openWindow();
+
+    chooser.answer = QStringLiteral("/tmp");
+    controller->backUpNow();
+    EXPECT_EQ(alerts.messages(), QStringList({text("alertBadDirectoryWarningMessage")}));
+    EXPECT_FALSE(homeDirectory.has_value());
+    EXPECT_EQ(chooser.titles, QStringList({text("openPanelTitle")}));
+
+    chooser.answer = QString::fromStdString(home.path().string());
+    ASSERT_TRUE(backUp(*controller));
+    EXPECT_EQ(homeDirectory, chooser.answer);
+    EXPECT_TRUE(defaults.dataForKey(iCloudPrefs::kHomeDirBookmarkDataKey).has_value());
+    EXPECT_EQ(controller->backups().count(), 1);
+}
+
+class QuitAppsTest : public BackUpNowTest {
+protected:
+    QuitAppsTest()
+    {
+        makeiCloudFolder();
+        makeFolder(iCloud() / "com~example~Notes~Shared");
+        applications.add(42, QString("com.example.Notes"), "Notes");
+    }
+};
+
+TEST_F(QuitAppsTest, ABackupWaitsForTheAppsThatUseiCloudAndGoesOnWhenTheyQuit)
+{
+    auto controller = openWindow();
+    QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
+    controller->backUpNow();
+
+    QuitAppsRequestWindowController* request = controller->quitAppsController();
+    ASSERT_NE(request, nullptr);
+    EXPECT_TRUE(request->isVisible());
+    EXPECT_TRUE(controller->isiCloudBackingUp());
+    EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
+    EXPECT_EQ(request->windowTitle(), text("windowTitleCloseAppsBeforeBackUp"));
+    EXPECT_EQ(request->backUpNowOrRestoreBtn()->text(), text("btnTitleBackUpNow"));
+    EXPECT_EQ(request->infoLabel()->text(), text("formatStringCloseApps").arg(text("btnTitleBackUpNow")));
+    EXPECT_EQ(QuitAppsRequestWindowController::tagOf(request->backUpNowOrRestoreBtn()), 0);
+    ASSERT_EQ(request->appsToQuitTable()->rowCount(), 2) << "listed once per container it uses";
+    EXPECT_EQ(request->appsToQuitTable()->item(0, 0)->text(), "Notes");
+
+    request->backUpNowOrRestoreBtn()->click();
+    EXPECT_TRUE(request->isVisible()) << "the button only brings the window forward while Notes runs";
+    EXPECT_EQ(finished.count(), 0);
+
+    applications.remove(42);
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() > 0; }));
+    EXPECT_FALSE(request->isVisible());
+    EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
+    EXPECT_EQ(controller->backups().count(), 1);
+}
+
+TEST_F(QuitAppsTest, AnAppStartedMeanwhileKeepsTheRequestOpen)
+{
+    auto controller = openWindow();
+    controller->backUpNow();
+    QuitAppsRequestWindowController* request = controller->quitAppsController();
+    applications.remove(42);
+    applications.add(43, QString("com.example"), "Example Helper");
+    ASSERT_TRUE(runEventLoopUntil([&] {
+        return request->appsToQuit().size() == 2 && request->appsToQuit()[0].pid == 43;
+    }));
+    EXPECT_TRUE(request->isVisible());
+    EXPECT_NE(request->checkAppsStateTimer(), nullptr);
+    EXPECT_TRUE(controller->isiCloudBackingUp());
+}
+
+TEST_F(QuitAppsTest, CancelOrClosingGivesTheBackupUpAndStopsTheCheck)
+{
+    auto controller = openWindow();
+    controller->backUpNow();
+    QuitAppsRequestWindowController* request = controller->quitAppsController();
+    request->cancelBtn()->click();
+    EXPECT_FALSE(request->isVisible());
+    EXPECT_FALSE(controller->isiCloudBackingUp());
+    EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
+
+    controller->backUpNow();
+    ASSERT_TRUE(request->isVisible());
+    ASSERT_NE(request->checkAppsStateTimer(), nullptr);
+    request->close();
+    EXPECT_FALSE(controller->isiCloudBackingUp());
+    EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
+    EXPECT_EQ(controller->backups().count(), 0);
+}
+
+TEST_F(QuitAppsTest, ADoubleClickBringsTheAppForwardTwice)
+{
+    auto controller = openWindow();
+    controller->backUpNow();
+    QuitAppsRequestWindowController* request = controller->quitAppsController();
+    request->activateApp(-1);
+    EXPECT_TRUE(applications.activated.isEmpty());
+    request->activateApp(1);
+    EXPECT_EQ(applications.activated, QList<pid_t>({42, 42}));
+    request->cancelBtnAction();
+}
+
+} // namespace

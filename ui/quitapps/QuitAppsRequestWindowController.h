@@ -1,0 +1,82 @@
+#pragma once
+
+#include <QDialog>
+#include <QIcon>
+#include <QList>
+#include <chrono>
+#include <memory>
+#include <sys/types.h>
+
+class MainWindowController;
+class QPushButton;
+class QLabel;
+class QTableWidget;
+class QTimer;
+class RunningApplications;
+
+namespace Ui {
+class QuitAppsRequestWindowController;
+}
+
+// Lists the running applications that use the iCloud folder and asks the user to quit them. Once a
+// second it checks them by process id; when the last one is gone it hides and starts the pending back
+// up (tag 0) or restore (tag 1) again from the top. Cancel, or closing the window, gives the operation up.
+class QuitAppsRequestWindowController : public QDialog {
+    Q_OBJECT
+
+public:
+    struct AppEntry {
+        QString appName;
+        pid_t pid = 0;
+        QIcon icon;
+    };
+    static constexpr int kBackUpTag = 0;
+    static constexpr int kRestoreTag = 1;
+
+    QuitAppsRequestWindowController(MainWindowController& mainWindowController,
+                                    RunningApplications& runningApplications,
+                                    std::chrono::milliseconds checkInterval, QWidget* parent = nullptr);
+    ~QuitAppsRequestWindowController() override;
+
+    void showWindow();
+    void detectAppsToQuit();
+    void reloadTable();
+    void checkAppsStateTimerCallback();
+    void backUpNowOrRestore(QPushButton* sender);
+    void cancelBtnAction();
+    void activateApp(int row);
+    // Creates the once-a-second check if there is none, and (re)starts it.
+    void scheduleCheckAppsStateTimer();
+
+    int numberOfRowsInTableView() const { return static_cast<int>(m_appsToQuit.size()); }
+    QString objectValueForRow(int row) const;
+    const QList<AppEntry>& appsToQuit() const { return m_appsToQuit; }
+    QTimer* checkAppsStateTimer() const { return m_checkAppsStateTimer.get(); }
+
+    static int tagOf(const QPushButton* button);
+    static void setTag(QPushButton* button, int tag);
+
+    QTableWidget* appsToQuitTable() const;
+    QPushButton* cancelBtn() const;
+    QPushButton* backUpNowOrRestoreBtn() const;
+    QLabel* infoLabel() const;
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    void windowDidLoad();
+    void windowWillClose();
+    void showEntries();
+    void clearBusyFlagOfTag();
+    void stopCheckAppsStateTimer();
+    void bringThisApplicationToFront();
+
+    MainWindowController& m_mainWindowController;
+    RunningApplications& m_runningApplications;
+    std::chrono::milliseconds m_checkInterval;
+    std::unique_ptr<Ui::QuitAppsRequestWindowController> m_ui;
+    QList<AppEntry> m_appsToQuit;
+    std::unique_ptr<QTimer> m_checkAppsStateTimer;
+    bool m_windowLoaded = false;
+};
