@@ -3,7 +3,7 @@
 #include "engine/BackupStore.h"
 #include "engine/DirectoryCopier.h"
 #include "platform/UserDefaults.h"
-#include "support/EventLoop.h"
+#include "support/MainWindowFixture.h"
 #include "support/FakeRunningApplications.h"
 #include "support/ScriptedAlertPresenter.h"
 #include "support/ScriptedChoosers.h"
@@ -29,23 +29,8 @@ using namespace TreeBuilder;
 
 namespace {
 
-QString text(const char* key)
-{
-    return Localizer::localizedStringForKey(QString::fromLatin1(key));
-}
-
-class BackUpNowTest : public ::testing::Test {
+class BackUpNowTest : public MainWindowFixture {
 protected:
-    BackUpNowTest()
-    {
-        Localizer::Resources english;
-        english.userLanguages = QStringList{"en"};
-        Localizer::setResources(english);
-        iCloudPrefs::registerDefaults(defaults);
-        passwords.home = home.path().string();
-    }
-
-    fs::path iCloud() const { return home.path() / "Library" / "Mobile Documents"; }
     void makeiCloudFolder()
     {
         writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "report.pages", 1200);
@@ -55,20 +40,8 @@ protected:
     }
     std::unique_ptr<MainWindowController> openWindow()
     {
-        MainWindowController::Services services{defaults,
-                                                applications,
-                                                alerts,
-                                                chooser,
-                                                passwords,
-                                                [] { return false; },
-                                                [this] { return homeDirectory; },
-                                                [this](const QString& chosen) { homeDirectory = chosen; },
-                                                scriptedStreamFactory(streams),
-                                                std::chrono::milliseconds(10),
-                                                copier};
-        auto controller = std::make_unique<MainWindowController>(services);
-        controller->showWindow();
-        runEventLoopUntil([&] { return !controller->isCalculatingiCloudSizeInProgress(); });
+        auto controller = MainWindowFixture::openWindow();
+        waitForSize(*controller);
         return controller;
     }
     static bool backUp(MainWindowController& controller)
@@ -87,16 +60,6 @@ protected:
         std::sort(found.begin(), found.end());
         return found;
     }
-
-    TestHome home;
-    UserDefaults defaults{UserDefaults::standardFilePath()};
-    FakeRunningApplications applications;
-    ScriptedAlertPresenter alerts;
-    ScriptedFolderChooser chooser;
-    ScriptedPasswordDatabase passwords;
-    std::optional<QString> homeDirectory = QString::fromStdString(home.path().string());
-    StreamLog streams;
-    MainWindowController::Services::CopierFunction copier = {};
 };
 
 TEST_F(BackUpNowTest, CopiesTheiCloudFolderIntoADatedFolderAndRecordsIt)

@@ -3,7 +3,7 @@
 #include "app/iCloudPrefs.h"
 #include "engine/BackupStore.h"
 #include "platform/UserDefaults.h"
-#include "support/EventLoop.h"
+#include "support/MainWindowFixture.h"
 #include "support/FakeRunningApplications.h"
 #include "support/ScriptedAlertPresenter.h"
 #include "support/ScriptedChoosers.h"
@@ -24,68 +24,19 @@
 
 namespace {
 
-QString text(const char* key)
-{
-    return Localizer::localizedStringForKey(QString::fromLatin1(key));
-}
-
-class MainWindowControllerTest : public ::testing::Test {
+class MainWindowControllerTest : public MainWindowFixture {
 protected:
-    MainWindowControllerTest()
-    {
-        Localizer::Resources english;
-        english.userLanguages = QStringList{"en"};
-        Localizer::setResources(english);
-        iCloudPrefs::registerDefaults(defaults);
-    }
-
-    MainWindowController::Services services(bool sandboxed = false)
-    {
-        return {defaults,
-                applications,
-                alerts,
-                chooser,
-                passwords,
-                [sandboxed] { return sandboxed; },
-                [this] { return homeDirectory; },
-                [this](const QString& home) { homeDirectory = home; },
-                scriptedStreamFactory(streams),
-                std::chrono::milliseconds(10)};
-    }
-    std::unique_ptr<MainWindowController> openWindow(bool sandboxed = false)
-    {
-        auto controller = std::make_unique<MainWindowController>(services(sandboxed));
-        controller->showWindow();
-        return controller;
-    }
     void storeBackups(const QList<BackupRecordRef>& records)
     {
         BackupStore store(defaults);
         for (const BackupRecordRef& record : records)
             store.append(record);
     }
-    static bool waitForSize(MainWindowController& controller)
-    {
-        return runEventLoopUntil([&] { return !controller.isCalculatingiCloudSizeInProgress(); });
-    }
-    QString iCloudFolder() const
-    {
-        return QString::fromStdString((home.path() / "Library" / "Mobile Documents").string());
-    }
     static QPoint rowPoint(MainWindowController& controller, int row)
     {
         CustomTableView* table = controller.backupsTable();
         return table->visualRect(table->model()->index(row, 0)).center();
     }
-
-    TestHome home;
-    UserDefaults defaults{UserDefaults::standardFilePath()};
-    FakeRunningApplications applications;
-    ScriptedAlertPresenter alerts;
-    ScriptedFolderChooser chooser;
-    ScriptedPasswordDatabase passwords;
-    std::optional<QString> homeDirectory = QString::fromStdString(home.path().string());
-    StreamLog streams;
 };
 
 TEST_F(MainWindowControllerTest, SetsItselfUpFromTheStringTablesAndWatchesTheiCloudFolder)
