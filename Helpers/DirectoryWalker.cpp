@@ -71,6 +71,8 @@ private:
 
     void pushFrame(int fd, std::string name)
     {
+        if (!name.empty())
+            m_relativeFolder += (m_relativeFolder.empty() ? "" : "/") + name;
         m_stack.push_back(Frame{fd, 0, 0, std::move(name), {}, 0});
         ++m_heldDescriptors;
         releaseShallowDescriptors();
@@ -106,7 +108,7 @@ private:
         bool isDirectory = false;
         if (!entryIsDirectory(frame.fd, ent, isDirectory))
             return true;
-        const WalkAction action = m_visit(WalkEntry{frame.fd, ent->d_name, isDirectory, depth});
+        const WalkAction action = m_visit(WalkEntry{frame.fd, ent->d_name, isDirectory, depth, m_relativeFolder});
         if (action == WalkAction::Stop) {
             m_stopped = true;
             return false;
@@ -135,6 +137,10 @@ private:
     {
         Frame child = std::move(m_stack.back());
         m_stack.pop_back();
+        const std::size_t cut = m_relativeFolder.size() >= child.name.size() + 1
+                                    ? m_relativeFolder.size() - child.name.size() - 1
+                                    : 0;
+        m_relativeFolder.resize(cut);
         // Reopened even without pending sub-folders: its own parent may need it to come back in turn.
         if (!m_stack.empty() && m_stack.back().fd < 0)
             reopenParent(child);
@@ -213,6 +219,7 @@ private:
     std::filesystem::path m_root;
     std::vector<Frame> m_stack;
     std::vector<char> m_buffer = std::vector<char>(64 * 1024);
+    std::string m_relativeFolder;
     std::size_t m_heldDescriptors = 0;
     bool m_stopped = false;
 };

@@ -15,6 +15,14 @@ struct WalkEntry {
     const char* name;    // the entry's own name: raw bytes, not necessarily UTF-8
     bool isDirectory;    // the entry itself, never a symbolic link's target
     int depth;           // 1 for entries directly inside the root
+    // The holding folder's path relative to the root ("" for the root itself, else "a/b"), bytes as
+    // they are on disk.
+    const std::string& relativeFolder;
+
+    std::filesystem::path relativePath() const
+    {
+        return relativeFolder.empty() ? std::filesystem::path(name) : std::filesystem::path(relativeFolder) / name;
+    }
 };
 
 enum class WalkAction { Continue, SkipDescendants, Stop };

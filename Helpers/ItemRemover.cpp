@@ -26,29 +26,32 @@ struct Level {
 
 class Removal {
 public:
-    explicit Removal(std::filesystem::path root)
-        : m_root(std::move(root))
+    Removal(int parentFd, std::string name)
+        : m_parentFd(parentFd)
+        , m_root(name)
+        , m_name(std::move(name))
     {
     }
 
     std::optional<FsError> run()
     {
         struct stat st {};
-        if (::lstat(m_root.c_str(), &st) != 0)
-            return FsError{"lstat", m_root, errno};
+        if (::fstatat(m_parentFd, m_name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0)
+            return FsError{"fstatat", m_root, errno};
         if (!S_ISDIR(st.st_mode)) {
-            if (::unlink(m_root.c_str()) != 0)
-                note("unlink", errno);
+            if (::unlinkat(m_parentFd, m_name.c_str(), 0) != 0)
+                note("unlinkat", errno);
             return m_failure;
         }
-        int fd = ::open(m_root.c_str(), kOpenFolderFlags);
+        int fd = ::openat(m_parentFd, m_name.c_str(), kOpenFolderFlags);
         if (fd < 0)
-            return FsError{"open", m_root, errno};
+            return FsError{"openat", m_root, errno};
+        (void)::fchmod(fd, 0700);
         m_levels.push_back({fd, {}, 0, 0});
         while (!m_levels.empty())
             step();
-        if (::rmdir(m_root.c_str()) != 0)
-            note("rmdir", errno);
+        if (::unlinkat(m_parentFd, m_name.c_str(), AT_REMOVEDIR) != 0)
+            note("unlinkat", errno);
         return m_failure;
     }
 
@@ -207,7 +210,9 @@ private:
             m_failure = FsError{operation, m_root, code};
     }
 
-    std::filesystem::path m_root;
+    int m_parentFd;
+    std::filesystem::path m_root; // for error reports
+    std::string m_name;
     std::vector<Level> m_levels;
     std::vector<std::pair<dev_t, ino_t>> m_skipped;
     std::optional<FsError> m_failure;
@@ -215,7 +220,21 @@ private:
 
 } // namespace
 
-std::optional<FsError> ItemRemover::removeItemAtPath(const std::filesystem::path& path)
+std::optional<FsError> ItemRemover::removeItemAtPath(const std::filesystem::path& given)
 {
-    return Removal(path).run();
+    const std::filesystem::path path = given.has_filename() ? given : given.parent_path();
+    const std::filesystem::path parent = path.has_parent_path() ? path.parent_path() : ".";
+    int parentFd = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (parentFd < 0)
+        return FsError{"open", parent, errno};
+    std::optional<FsError> failure = removeItemAt(parentFd, path.filename().string());
+    ::close(parentFd);
+    if (failure)
+        failure->path = path;
+    return failure;
+}
+
+std::optional<FsError> ItemRemover::removeItemAt(int parentFd, const std::string& name)
+{
+    return Removal(parentFd, name).run();
 }

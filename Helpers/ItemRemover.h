@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 
 // Removes a file, a link or a whole folder tree. Symbolic links are removed, never followed; folders
 // are opened relative to their parent's descriptor, so a link swapped in for a folder mid-way is removed
@@ -13,4 +14,6 @@ class ItemRemover {
 public:
     ItemRemover() = delete;
     static std::optional<FsError> removeItemAtPath(const std::filesystem::path& path);
+    // The entry `name` of the folder open as `parentFd`, for walks that never build paths.
+    static std::optional<FsError> removeItemAt(int parentFd, const std::string& name);
 };

@@ -9,6 +9,8 @@
 #include "app/iCloudPrefs.h"
 #include "engine/BackupRoot.h"
 #include "engine/DirectoryCopier.h"
+#include "engine/RestorePreparation.h"
+#include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
 #include "platform/BundleInfo.h"
 #include "platform/FolderChooser.h"
@@ -277,8 +279,11 @@ void MainWindowController::performAction(Action action)
     case Action::BackUpNow:
         backUpNow();
         break;
+    case Action::RestoreFromBackup:
+        restoreFromBackup();
+        break;
     default:
-        // Restore, delete and reveal are not built yet.
+        // Delete and reveal are not built yet.
         break;
     }
 }
@@ -428,14 +433,14 @@ void MainWindowController::beginBackUp()
     m_totalCountOfItemsToCopy = 0;
     m_currentSizeOfCopiedItems = 0;
     m_currentCountOfCopiedItems = 0;
-    showProgressWindow("windowTitleOperationBackUp", "operationPreparingToCopyItems");
+    showProgressWindow("windowTitleOperationBackUp", "operationPreparingToCopyItems", this);
     setCopyButtonsEnabled(false);
     const QDateTime start = QDateTime::currentDateTime();
     m_iCloudBackupDirectory = BackupRoot::folderPath(start);
     startCountingPass(start);
 }
 
-void MainWindowController::showProgressWindow(const char* titleKey, const char* infoKey)
+void MainWindowController::showProgressWindow(const char* titleKey, const char* infoKey, const QWidget* centerOver)
 {
     m_operationProgressWindow->setWindowTitle(localized(titleKey));
     m_progressUi->operationInfoLabel->setText(localized(infoKey));
@@ -443,15 +448,15 @@ void MainWindowController::showProgressWindow(const char* titleKey, const char* 
     m_progressUi->copyingTotalProgressIndicator->setRange(0, 0); // indeterminate, animating
     m_progressUi->cancelCopyingBtn->setEnabled(true);
     m_cancelCopyRequested = std::make_shared<std::atomic<bool>>(false);
-    centerProgressWindow();
+    centerProgressWindow(centerOver);
     m_operationProgressWindow->show();
     m_operationProgressWindow->raise();
     m_operationProgressWindow->activateWindow();
 }
 
-void MainWindowController::centerProgressWindow()
+void MainWindowController::centerProgressWindow(const QWidget* over)
 {
-    const QRect main = frameGeometry();
+    const QRect main = over ? over->frameGeometry() : QRect();
     const QRect progress = m_operationProgressWindow->frameGeometry();
     m_operationProgressWindow->move(main.x() + main.width() / 2 - progress.width() / 2,
                                     main.y() + main.height() / 2 - progress.height() / 2);
@@ -520,12 +525,18 @@ void MainWindowController::endBackUpEarly()
 
 void MainWindowController::startCopyStep(const QDateTime& start)
 {
-    const std::filesystem::path source = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
-    const std::filesystem::path destination = QFile::encodeName(m_iCloudBackupDirectory).toStdString();
+    startCopy(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
+              QFile::encodeName(m_iCloudBackupDirectory).toStdString(),
+              [start](MainWindowController& controller, bool copied) { controller.finishBackUp(start, copied); });
+}
+
+void MainWindowController::startCopy(const std::filesystem::path& source, const std::filesystem::path& destination,
+                                     std::function<void(MainWindowController&, bool)> finish)
+{
     QPointer<MainWindowController> controller(this);
     std::shared_ptr<std::atomic<bool>> cancelRequested = m_cancelCopyRequested;
     auto copier = m_services.copier ? m_services.copier : &DirectoryCopier::copyDirectoryAtPath;
-    QThreadPool::globalInstance()->start([copier, source, destination, cancelRequested, controller, start] {
+    QThreadPool::globalInstance()->start([copier, source, destination, cancelRequested, controller, finish] {
         const bool copied = copier(
             source, destination, *cancelRequested, [controller](const std::filesystem::path& copiedSource) {
                 QMetaObject::invokeMethod(
@@ -539,9 +550,9 @@ void MainWindowController::startCopyStep(const QDateTime& start)
         // Posted after every progress update of this copy, so the main thread runs them all first.
         QMetaObject::invokeMethod(
             qApp,
-            [controller, start, copied] {
+            [controller, finish, copied] {
                 if (controller)
-                    controller->finishBackUp(start, copied);
+                    finish(*controller, copied);
             },
             Qt::QueuedConnection);
     });
@@ -586,6 +597,125 @@ void MainWindowController::finishBackUp(const QDateTime& start, bool copied)
     m_iCloudBackingUp = false;
     setCopyButtonsEnabled(true);
     emit backUpFinished();
+}
+
+void MainWindowController::restoreFromBackup()
+{
+    m_canceled->store(false);
+    QString backupFolder;
+    if (!checkRestorePreconditions(backupFolder))
+        return;
+    // Set before the question, so that it also covers the wait for applications to quit.
+    m_iCloudBeingRestored = true;
+    if (calculateCountOfRunningAppsThatUseiCloud() >= 1) {
+        showQuitAppsRequest(QuitAppsRequestWindowController::kRestoreTag, "windowTitleCloseAppsBeforeRestore",
+                            "btnTitleRestore");
+        return;
+    }
+    if (runRestoreConfirmationDlg() != AlertResponse::kFirstButton) {
+        m_iCloudBeingRestored = false;
+        return;
+    }
+    beginRestore(backupFolder);
+}
+
+bool MainWindowController::checkRestorePreconditions(QString& backupFolder)
+{
+    const int row = selectedRow();
+    if (row == -1) {
+        runNoBackupSelectedAlert();
+        return false;
+    }
+    const BackupRecordRef record = row < m_backups.count() ? m_backups.at(row) : nullptr;
+    backupFolder = record ? record->backupFolder().value_or(QString()) : QString();
+    if (backupFolder.isEmpty() || !QFileInfo(backupFolder).isDir()) {
+        runBackupNotFoundAlert();
+        return false;
+    }
+    if (!m_mobileDocumentsDirectory || !QFileInfo(*m_mobileDocumentsDirectory).isDir()) {
+        runNotAvailableiCloudAlert();
+        return false;
+    }
+    if (!QFileInfo(*m_mobileDocumentsDirectory + QStringLiteral("/com~apple~CloudDocs")).isDir()) {
+        runiCloudDriveRequiredAlert();
+        return false;
+    }
+    return true;
+}
+
+void MainWindowController::beginRestore(const QString& backupFolder)
+{
+    m_currentCountOfCopiedItems = 0;
+    m_currentSizeOfCopiedItems = 0;
+    m_totalCountOfItemsToCopy = 0;
+    m_totalSizeOfItemsToCopy = 0;
+    setCopyButtonsEnabled(false);
+    // Centred on the key window; without one, on the main window rather than half off the screen.
+    const QWidget* keyWindow = QApplication::activeWindow();
+    showProgressWindow("windowTitleOperationRestore", "operationPreparingToCopyItems", keyWindow ? keyWindow : this);
+    m_iCloudBackupDirectory = backupFolder;
+    startRestorePreparation(backupFolder);
+}
+
+// Pruning comes before the space check and the copy, deliberately: a restore stopped after it leaves the
+// live folder without what it removed.
+void MainWindowController::startRestorePreparation(const QString& backupFolder)
+{
+    const std::filesystem::path live = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
+    const std::filesystem::path backup = QFile::encodeName(backupFolder).toStdString();
+    QPointer<MainWindowController> controller(this);
+    std::shared_ptr<std::atomic<bool>> canceled = m_canceled;
+    QThreadPool::globalInstance()->start([live, backup, canceled, controller] {
+        RestorePreparation::pruneLiveFolder(live, backup, *canceled);
+        const RestoreTotals totals = RestorePreparation::measureFilesToCopy(backup, live, *canceled);
+        QMetaObject::invokeMethod(
+            qApp,
+            [controller, totals] {
+                if (controller)
+                    controller->checkSpaceForRestore(totals.totalSize, totals.totalCount);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void MainWindowController::checkSpaceForRestore(std::uint64_t size, std::int32_t count)
+{
+    m_totalSizeOfItemsToCopy = size;
+    m_totalCountOfItemsToCopy = count;
+    if (isCanceled()) {
+        endRestore();
+        return;
+    }
+    FsError error;
+    const std::int64_t free =
+        CocoaAdditions::determineFreeSpaceOnDeviceByPath(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(), &error);
+    if (error.code == 0 && static_cast<std::uint64_t>(free) < m_totalSizeOfItemsToCopy) {
+        m_operationProgressWindow->hide();
+        setCopyButtonsEnabled(true);
+        runNotEnoughDiskSpaceAlert(); // no backup runs, so it names the restore
+        m_iCloudBeingRestored = false;
+        emit restoreFinished();
+        return;
+    }
+    showCopyProgress();
+    m_progressUi->operationInfoLabel->setText(localized("operationRestoringDataToiCloud"));
+    startRestoreCopy();
+}
+
+void MainWindowController::startRestoreCopy()
+{
+    // The copier's result is not used: finished, failed or cancelled all end the same way.
+    startCopy(QFile::encodeName(m_iCloudBackupDirectory).toStdString(),
+              QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
+              [](MainWindowController& controller, bool) { controller.endRestore(); });
+}
+
+void MainWindowController::endRestore()
+{
+    m_operationProgressWindow->hide();
+    setCopyButtonsEnabled(true);
+    m_iCloudBeingRestored = false;
+    emit restoreFinished();
 }
 
 void MainWindowController::cancelCopying()

@@ -99,6 +99,10 @@ public:
     // Makes a new backup of the iCloud folder: checks on this thread, then counts and copies in the
     // background behind the progress window. Returns as soon as the work is started or a check failed.
     void backUpNow();
+    // Makes the live iCloud folder look like the selected backup: checks and the confirmation here, then
+    // prunes the live folder and counts what is missing in the background, checks free space, and
+    // copies the missing items back. No message at the end, whatever happened.
+    void restoreFromBackup();
     // The Cancel button: the running count or copy stops at its next file; nothing waits for it here.
     void cancelCopying();
 
@@ -150,6 +154,8 @@ signals:
     void iCloudSizeChanged();
     // A backup ended: recorded, cancelled, refused for lack of space, or stopped while counting.
     void backUpFinished();
+    // A restore ended, the same ways.
+    void restoreFinished();
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -173,8 +179,8 @@ private:
     void useHomeDirectory(const QString& home);
     void showQuitAppsRequest(int tag, const char* windowTitleKey, const char* buttonTitleKey);
     void beginBackUp();
-    void showProgressWindow(const char* titleKey, const char* infoKey);
-    void centerProgressWindow();
+    void showProgressWindow(const char* titleKey, const char* infoKey, const QWidget* centerOver);
+    void centerProgressWindow(const QWidget* over);
     void setCopyButtonsEnabled(bool enabled);
     void startCountingPass(const QDateTime& start);
     void checkSpaceAndCreateFolder(const QDateTime& start, std::uint64_t size, std::int32_t count);
@@ -183,6 +189,14 @@ private:
     void showCopyProgress();
     void finishBackUp(const QDateTime& start, bool copied);
     void endBackUpEarly();
+    bool checkRestorePreconditions(QString& backupFolder);
+    void beginRestore(const QString& backupFolder);
+    void startRestorePreparation(const QString& backupFolder);
+    void checkSpaceForRestore(std::uint64_t size, std::int32_t count);
+    void startRestoreCopy();
+    void endRestore();
+    void startCopy(const std::filesystem::path& source, const std::filesystem::path& destination,
+                   std::function<void(MainWindowController&, bool)> finish);
 
     Services m_services;
     std::unique_ptr<Ui::MainWindowController> m_ui;
