@@ -55,6 +55,7 @@ void AppDelegate::createMainWindow()
                                             m_services.alerts,
                                             m_services.folderChooser,
                                             m_services.passwords,
+                                            m_services.fileManager,
                                             &AppDelegate::isSandboxed,
                                             [this] { return m_homeDirectory; },
                                             [this](const QString& home) { m_homeDirectory = home; },

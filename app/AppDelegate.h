@@ -9,6 +9,7 @@
 #include <optional>
 
 class AlertPresenter;
+class FileManager;
 class FolderChooser;
 class MainMenu;
 class MainWindowController;
@@ -28,6 +29,7 @@ public:
         const PasswordDatabase& passwords;
         RunningApplications& runningApplications;
         AlertPresenter& alerts;
+        FileManager& fileManager;
         SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
         std::chrono::milliseconds quitAppsCheckInterval{1000};
     };

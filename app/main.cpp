@@ -2,6 +2,7 @@
 #include "app/GraphicalSession.h"
 #include "app/iCloudPrefs.h"
 #include "platform/BundleInfo.h"
+#include "platform/FreedesktopFileManager.h"
 #include "platform/MessageBoxAlertPresenter.h"
 #include "platform/PosixPasswordDatabase.h"
 #include "platform/ProcRunningApplications.h"
@@ -30,7 +31,8 @@ int main(int argc, char* argv[])
     PosixPasswordDatabase passwords;
     ProcRunningApplications runningApplications;
     MessageBoxAlertPresenter alerts;
-    AppDelegate delegate({defaults, folderChooser, passwords, runningApplications, alerts});
+    FreedesktopFileManager fileManager;
+    AppDelegate delegate({defaults, folderChooser, passwords, runningApplications, alerts, fileManager});
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return QApplication::exec();
 }

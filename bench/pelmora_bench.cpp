@@ -3,6 +3,7 @@
 #include "app/iCloudPrefs.h"
 #include "engine/DirectoryCopier.h"
 #include "platform/EventStream.h"
+#include "platform/FreedesktopFileManager.h"
 #include "platform/MessageBoxAlertPresenter.h"
 #include "platform/PosixPasswordDatabase.h"
 #include "platform/ProcRunningApplications.h"
@@ -117,7 +118,9 @@ int uiLatency(int argc, char* argv[])
     MessageBoxAlertPresenter alerts;
     QtFolderChooser chooser;
     PosixPasswordDatabase passwords;
-    MainWindowController controller({defaults, runningApplications, alerts, chooser, passwords, [] { return false; },
+    FreedesktopFileManager fileManager;
+    MainWindowController controller({defaults, runningApplications, alerts, chooser, passwords, fileManager,
+                                     [] { return false; },
                                      [] { return std::optional<QString>(QDir::homePath()); }, [](const QString&) {}});
     controller.showWindow();
     controller.setMobileDocumentsDirectory(QFile::decodeName(argv[2]));

@@ -7,6 +7,7 @@
 #include "platform/UserDefaults.h"
 #include "support/EventLoop.h"
 #include "support/FakeRunningApplications.h"
+#include "support/RecordingFileManager.h"
 #include "support/ScriptedAlertPresenter.h"
 #include "support/ScriptedEventStream.h"
 #include "support/ScriptedChoosers.h"
@@ -85,7 +86,8 @@ protected:
     FakeRunningApplications applications;
     StreamLog streams;
     ScriptedAlertPresenter alerts;
-    AppDelegate delegate{{defaults, chooser, passwords, applications, alerts, scriptedStreamFactory(streams)}};
+    RecordingFileManager fileManager;
+    AppDelegate delegate{{defaults, chooser, passwords, applications, alerts, fileManager, scriptedStreamFactory(streams)}};
 };
 
 TEST_F(LaunchTest, OutsideASandboxTheWindowShowsTheFolderIsWatchedOnceMeasuredAndTheMenuTranslated)

@@ -6,6 +6,7 @@
 #include "support/EventLoop.h"
 #include "support/FakeRunningApplications.h"
 #include "support/ScriptedAlertPresenter.h"
+#include "support/RecordingFileManager.h"
 #include "support/ScriptedChoosers.h"
 #include "support/ScriptedEventStream.h"
 #include "support/TestHome.h"
@@ -36,6 +37,7 @@ protected:
                 alerts,
                 chooser,
                 passwords,
+                fileManager,
                 [sandboxed] { return sandboxed; },
                 [this] { return homeDirectory; },
                 [this](const QString& chosen) { homeDirectory = chosen; },
@@ -62,6 +64,7 @@ protected:
     ScriptedAlertPresenter alerts;
     ScriptedFolderChooser chooser;
     ScriptedPasswordDatabase passwords;
+    RecordingFileManager fileManager;
     std::optional<QString> homeDirectory = QString::fromStdString(home.path().string());
     StreamLog streams;
     MainWindowController::Services::CopierFunction copier = {};

@@ -13,6 +13,7 @@
 #include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
 #include "platform/BundleInfo.h"
+#include "platform/FileManager.h"
 #include "platform/FolderChooser.h"
 #include "platform/RunningApplications.h"
 #include "platform/UserDefaults.h"
@@ -282,8 +283,11 @@ void MainWindowController::performAction(Action action)
     case Action::RestoreFromBackup:
         restoreFromBackup();
         break;
-    default:
-        // Delete and reveal are not built yet.
+    case Action::DeleteBackup:
+        deleteBackup();
+        break;
+    case Action::ShowInFinder:
+        showInFinder();
         break;
     }
 }
@@ -716,6 +720,37 @@ void MainWindowController::endRestore()
     setCopyButtonsEnabled(true);
     m_iCloudBeingRestored = false;
     emit restoreFinished();
+}
+
+void MainWindowController::deleteBackup()
+{
+    const int row = selectedRow();
+    if (row == -1)
+        return;
+    const bool confirmed = !iCloudPrefs::dontAskAgainRemoveBackup(m_services.defaults) &&
+                           runRemoveBackupConfirmationDlg() == AlertResponse::kFirstButton;
+    // Read again on purpose: No with "don't ask again" ticked stored YES, and so removes the backup.
+    if (!confirmed && !iCloudPrefs::dontAskAgainRemoveBackup(m_services.defaults))
+        return;
+    const QString folder = m_backups.at(row)->backupFolder().value_or(QString());
+    if (!folder.isEmpty())
+        ItemRemover::removeItemAtPath(QFile::encodeName(folder).toStdString()); // already gone is fine
+    m_backups.removeAt(row);
+    m_tableModel->reloadData();
+    setLastBackupInfo();
+}
+
+void MainWindowController::showInFinder()
+{
+    const int row = selectedRow();
+    if (row == -1 || row >= m_backups.count())
+        return;
+    const QString folder = m_backups.at(row)->backupFolder().value_or(QString());
+    struct stat st {};
+    if (!folder.isEmpty() && ::lstat(QFile::encodeName(folder).constData(), &st) == 0)
+        m_services.fileManager.selectFile(folder);
+    else
+        runBackupNotFoundAlert();
 }
 
 void MainWindowController::cancelCopying()

@@ -17,6 +17,7 @@
 class AlertPresenter;
 class BackupAlerts;
 class BackupsTableModel;
+class FileManager;
 class FolderChooser;
 class PasswordDatabase;
 class QuitAppsRequestWindowController;
@@ -50,6 +51,7 @@ public:
         AlertPresenter& alerts;
         FolderChooser& folderChooser;
         const PasswordDatabase& passwords;
+        FileManager& fileManager;
         // The application delegate's answers: whether it runs sandboxed, and the user's home folder.
         std::function<bool()> isSandboxed;
         std::function<std::optional<QString>()> homeDirectory;
@@ -103,6 +105,11 @@ public:
     // prunes the live folder and counts what is missing in the background, checks free space, and
     // copies the missing items back. No message at the end, whatever happened.
     void restoreFromBackup();
+    // Removes the selected backup's folder and record, after a confirmation the user can switch off.
+    // Synchronous, as the list must not show a backup that is half gone.
+    void deleteBackup();
+    // Shows the selected backup's folder in the file manager.
+    void showInFinder();
     // The Cancel button: the running count or copy stops at its next file; nothing waits for it here.
     void cancelCopying();
 
