@@ -4,9 +4,13 @@
 #include "app/HomeFolderAcquisition.h"
 #include "app/MainMenu.h"
 #include "platform/BundleInfo.h"
+#include "Helpers/ItemRemover.h"
+#include "platform/AlertPresenter.h"
+#include "ui/inspector/InspectorWindowController.h"
 #include "ui/main/MainWindowController.h"
 
 #include <QAction>
+#include <algorithm>
 #include <QApplication>
 #include <QDesktopServices>
 #include <QDir>
@@ -23,8 +27,7 @@ AppDelegate::AppDelegate(Services services, QObject* parent)
 
 AppDelegate::~AppDelegate()
 {
-    if (m_observingWindowClose)
-        qApp->removeEventFilter(this);
+    applicationWillTerminate();
 }
 
 bool AppDelegate::isSandboxed()
@@ -62,6 +65,7 @@ void AppDelegate::createMainWindow()
                                             m_services.streamFactory,
                                             m_services.quitAppsCheckInterval};
     m_mainWindowController = std::make_unique<MainWindowController>(services);
+    m_mainWindowController->setShowBackupInfoHandler([this] { showBackupInfo(); });
     m_mainMenu = std::make_unique<MainMenu>(m_mainWindowController->menuBar());
     connectMainMenu();
     m_mainWindowController->showWindow();
@@ -91,14 +95,18 @@ void AppDelegate::translateMainMenu()
 void AppDelegate::connectMainMenu()
 {
     using Command = MainMenu::Command;
-    MainWindowController* controller = m_mainWindowController.get();
     const auto on = [this](Command command, auto handler) {
-        connect(m_mainMenu->action(command), &QAction::triggered, this, handler);
+        QAction* item = m_mainMenu->action(command);
+        connect(item, &QAction::triggered, this, [this, item, handler] {
+            // A shortcut can fire with the menu closed: validate again at the moment of use.
+            if (validateMenuItem(item))
+                handler();
+        });
     };
     on(Command::About, [this] { showAboutWindow(); });
     on(Command::HomePage, [this] { openPelmoraHomePage(); });
-    on(Command::Quit, [] { QApplication::quit(); });
-    on(Command::ShowMainWindow, [controller] { controller->showWindow(); });
+    on(Command::Quit, [this] { requestQuit(true); });
+    on(Command::ShowMainWindow, [this] { m_mainWindowController->showWindow(); });
     on(Command::Minimize, [] {
         if (QWidget* window = QApplication::activeWindow())
             window->showMinimized();
@@ -107,13 +115,180 @@ void AppDelegate::connectMainMenu()
         if (QWidget* window = QApplication::activeWindow())
             window->close();
     });
-    on(Command::CreateBackup, [controller] { controller->performAction(MainWindowController::Action::BackUpNow); });
-    on(Command::RestoreBackup,
-       [controller] { controller->performAction(MainWindowController::Action::RestoreFromBackup); });
-    on(Command::ShowBackupInfo,
-       [controller] { controller->performAction(MainWindowController::Action::ShowBackupInfo); });
-    on(Command::ShowInFinder, [controller] { controller->performAction(MainWindowController::Action::ShowInFinder); });
-    on(Command::DeleteBackup, [controller] { controller->performAction(MainWindowController::Action::DeleteBackup); });
+    on(Command::CreateBackup, [this] { createBackup(); });
+    on(Command::RestoreBackup, [this] { restoreBackup(); });
+    on(Command::ShowBackupInfo, [this] { showBackupInfo(); });
+    on(Command::ShowInFinder, [this] { showInFinder(); });
+    on(Command::DeleteBackup, [this] { deleteBackup(); });
+    for (QAction* top : m_mainWindowController->menuBar()->actions()) {
+        if (QMenu* menu = top->menu())
+            connect(menu, &QMenu::aboutToShow, this, [this, menu] { validateMenu(menu); });
+    }
+    connect(m_mainMenu->windowMenu(), &QMenu::aboutToShow, this, [this] { listInspectorsInWindowMenu(); });
+}
+
+void AppDelegate::validateMenu(QMenu* menu)
+{
+    for (QAction* item : menu->actions()) {
+        if (!item->isSeparator() && !item->menu())
+            item->setEnabled(validateMenuItem(item));
+    }
+}
+
+bool AppDelegate::hasSelection() const
+{
+    return m_mainWindowController && !m_mainWindowController->backups().isEmpty() &&
+           m_mainWindowController->selectedRow() != -1;
+}
+
+// The asymmetries are intended: a running backup leaves Back Up and Delete enabled; only Restore is
+// blocked by both operations.
+bool AppDelegate::validateMenuItem(const QAction* item) const
+{
+    if (!m_mainMenu || !m_mainWindowController)
+        return true;
+    const MainWindowController& controller = *m_mainWindowController;
+    switch (MainMenu::commandOf(item)) {
+    case MainMenu::Command::CreateBackup:
+        return !controller.isiCloudBeingRestored();
+    case MainMenu::Command::RestoreBackup:
+        return hasSelection() && !controller.isiCloudBackingUp() && !controller.isiCloudBeingRestored();
+    case MainMenu::Command::ShowBackupInfo:
+    case MainMenu::Command::ShowInFinder:
+        return hasSelection();
+    case MainMenu::Command::DeleteBackup:
+        return hasSelection() && !controller.isiCloudBeingRestored();
+    default:
+        return true;
+    }
+}
+
+void AppDelegate::bringMainWindowForward()
+{
+    if (!m_mainWindowController->isVisible())
+        m_mainWindowController->showWindow();
+}
+
+void AppDelegate::createBackup()
+{
+    bringMainWindowForward();
+    m_mainWindowController->backUpNow();
+}
+
+void AppDelegate::restoreBackup()
+{
+    bringMainWindowForward();
+    m_mainWindowController->restoreFromBackup();
+}
+
+void AppDelegate::showInFinder()
+{
+    m_mainWindowController->showInFinder();
+}
+
+void AppDelegate::deleteBackup()
+{
+    m_mainWindowController->deleteBackup();
+}
+
+void AppDelegate::showBackupInfo()
+{
+    if (!m_mainWindowController)
+        return;
+    const int row = m_mainWindowController->selectedRow();
+    if (row == -1 || row >= m_mainWindowController->backups().count())
+        return;
+    const BackupRecordRef record = m_mainWindowController->backups().at(row);
+    inspectorForBackup(record)->showBackupInfo(record);
+}
+
+InspectorWindowController* AppDelegate::inspectorForBackup(const BackupRecordRef& backup)
+{
+    for (const auto& inspector : m_inspectorControllers) {
+        if (inspector->backupInfo() == backup)
+            return inspector.get();
+    }
+    m_inspectorControllers.push_back(std::make_unique<InspectorWindowController>(m_services.fileManager));
+    return m_inspectorControllers.back().get();
+}
+
+// Each open info window, under the backup's date and time.
+void AppDelegate::listInspectorsInWindowMenu()
+{
+    QMenu* menu = m_mainMenu->windowMenu();
+    for (QAction* item : m_inspectorMenuItems)
+        menu->removeAction(item);
+    qDeleteAll(m_inspectorMenuItems);
+    m_inspectorMenuItems.clear();
+    for (const auto& inspector : m_inspectorControllers) {
+        const BackupRecordRef& backup = inspector->backupInfo();
+        if (!backup || !inspector->isVisible())
+            continue;
+        const std::optional<QDateTime> date = backup->backupDate();
+        const QString when = date ? QLocale().toString(date->toLocalTime(), QLocale::ShortFormat) : QString();
+        auto* item = new QAction(Localizer::localizedStringForKey(QStringLiteral("menuItemTitleBackup")).arg(when), menu);
+        InspectorWindowController* window = inspector.get();
+        connect(item, &QAction::triggered, window, [window] {
+            window->show();
+            window->raise();
+            window->activateWindow();
+        });
+        if (m_inspectorMenuItems.isEmpty())
+            m_inspectorMenuItems << menu->addSeparator();
+        menu->addAction(item);
+        m_inspectorMenuItems << item;
+    }
+}
+
+bool AppDelegate::applicationShouldTerminate(bool canAsk)
+{
+    MainWindowController* controller = m_mainWindowController.get();
+    if (!controller || (!controller->isiCloudBackingUp() && !controller->isiCloudBeingRestored()))
+        return true;
+    if (canAsk && runQuitConfirmationDlg() != AlertResponse::kFirstButton)
+        return false;
+    controller->cancelCopying(); // does not wait for the copy to stop
+    // A partly restored iCloud folder is left as it is, deliberately; an unfinished backup goes.
+    if (controller->isiCloudBackingUp() && !controller->iCloudBackupDirectory().isEmpty())
+        ItemRemover::removeItemAtPath(QFile::encodeName(controller->iCloudBackupDirectory()).toStdString());
+    return true;
+}
+
+int AppDelegate::runQuitConfirmationDlg()
+{
+    const bool backingUp = m_mainWindowController->isiCloudBackingUp();
+    Alert alert;
+    alert.buttons = {{Localizer::yesButtonTitle(), QStringLiteral("\r")}, {Localizer::noButtonTitle(), QStringLiteral("\033")}};
+    alert.messageText = Localizer::localizedStringForKey(backingUp ? QStringLiteral("alertiCloudIsBeingBackedUpMsg")
+                                                                   : QStringLiteral("alertiCloudIsBeingRestoredMsg"));
+    alert.informativeText = Localizer::localizedStringForKey(
+        backingUp ? QStringLiteral("alertiCloudIsBeingBackedUpInfo") : QStringLiteral("alertiCloudIsBeingRestoredInfo"));
+    return m_services.alerts.runModal(alert).code;
+}
+
+void AppDelegate::requestQuit(bool canAsk)
+{
+    if (!applicationShouldTerminate(canAsk))
+        return;
+    applicationWillTerminate();
+    QCoreApplication::quit();
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    if (m_observingWindowClose) {
+        qApp->removeEventFilter(this);
+        m_observingWindowClose = false;
+    }
+}
+
+bool AppDelegate::applicationShouldHandleReopen()
+{
+    if (m_mainWindowController && m_mainWindowController->isVisible())
+        return true;
+    if (m_mainWindowController)
+        m_mainWindowController->showWindow();
+    return false;
 }
 
 void AppDelegate::showAboutWindow()
@@ -138,8 +313,15 @@ bool AppDelegate::eventFilter(QObject* watched, QEvent* event)
     return QObject::eventFilter(watched, event);
 }
 
-// The hook for forgetting an info window when it closes. No info windows exist yet, so every window
-// that closes (the main window, the about box, alerts) is left alone.
-void AppDelegate::_windowClosed(QWidget* /*window*/)
+// Forgets an info window as it closes, so the next Get Info for its backup makes a new one. Any other
+// window (the main window, the about box, alerts) is left alone.
+void AppDelegate::_windowClosed(QWidget* window)
 {
+    const auto found = std::find_if(m_inspectorControllers.begin(), m_inspectorControllers.end(),
+                                    [window](const auto& inspector) { return inspector.get() == window; });
+    if (found == m_inspectorControllers.end())
+        return;
+    // Deleted once its close event is over, not in the middle of it.
+    found->release()->deleteLater();
+    m_inspectorControllers.erase(found);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "engine/BackupRecord.h"
 #include "watch/SCEvents.h"
 
 #include <QObject>
@@ -7,13 +8,17 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <vector>
 
 class AlertPresenter;
 class FileManager;
+class InspectorWindowController;
 class FolderChooser;
 class MainMenu;
 class MainWindowController;
 class PasswordDatabase;
+class QAction;
+class QMenu;
 class QWidget;
 class RunningApplications;
 class UserDefaults;
@@ -50,6 +55,31 @@ public:
     void showAboutWindow();
     void openPelmoraHomePage();
 
+    // Menu commands.
+    void createBackup();
+    void restoreBackup();
+    void showInFinder();
+    void deleteBackup();
+    void showBackupInfo();
+    bool validateMenuItem(const QAction* item) const;
+
+    // The one inspector for a backup record (found by the record's identity), created on first use.
+    InspectorWindowController* inspectorForBackup(const BackupRecordRef& backup);
+    const std::vector<std::unique_ptr<InspectorWindowController>>& inspectorControllers() const
+    {
+        return m_inspectorControllers;
+    }
+
+    // The quit guard: while a backup or a restore runs, asks first (or, when nobody can be asked, takes
+    // the answer as Yes); on Yes the copy is cancelled and an unfinished backup folder removed.
+    bool applicationShouldTerminate(bool canAsk = true);
+    void applicationWillTerminate();
+    int runQuitConfirmationDlg();
+    // Every way to quit ends here: the menu, the session's end, SIGTERM and SIGINT.
+    void requestQuit(bool canAsk);
+    // A second start of the program: shows the main window again if it is hidden.
+    bool applicationShouldHandleReopen();
+
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
@@ -60,6 +90,10 @@ private:
     void translateMainMenu();
     void connectMainMenu();
     void _windowClosed(QWidget* window);
+    void bringMainWindowForward();
+    void validateMenu(QMenu* menu);
+    void listInspectorsInWindowMenu();
+    bool hasSelection() const;
 
     Services m_services;
     std::unique_ptr<MainWindowController> m_mainWindowController;
@@ -67,4 +101,6 @@ private:
     bool m_sandboxed = false;
     std::optional<QString> m_homeDirectory;
     bool m_observingWindowClose = false;
+    std::vector<std::unique_ptr<InspectorWindowController>> m_inspectorControllers;
+    QList<QAction*> m_inspectorMenuItems;
 };

@@ -28,6 +28,7 @@ MainMenu::MainMenu(QMenuBar* menuBar)
     addItem(file, "Close Window", Command::CloseWindow, QKeySequence::Close);
 
     QMenu* window = menuBar->addMenu(QStringLiteral("Window"));
+    m_windowMenu = window;
     addItem(window, "Minimize", Command::Minimize, QKeySequence(Qt::CTRL | Qt::Key_M));
     addItem(window, "Main Window", Command::ShowMainWindow, {});
 

@@ -28,10 +28,12 @@ public:
     explicit MainMenu(QMenuBar* menuBar);
 
     QAction* action(Command command) const { return m_actions.value(command); }
+    class QMenu* windowMenu() const { return m_windowMenu; }
     static Command commandOf(const QAction* item);
 
 private:
     QAction* addItem(class QMenu* menu, const char* title, Command command, const class QKeySequence& shortcut);
 
     QHash<Command, QAction*> m_actions;
+    class QMenu* m_windowMenu = nullptr;
 };

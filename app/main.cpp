@@ -7,9 +7,12 @@
 #include "platform/PosixPasswordDatabase.h"
 #include "platform/ProcRunningApplications.h"
 #include "platform/QtFolderChooser.h"
+#include "platform/SingleInstance.h"
+#include "platform/TerminationSignals.h"
 #include "platform/UserDefaults.h"
 
 #include <QApplication>
+#include <QSessionManager>
 #include <QTimer>
 #include <cstdio>
 
@@ -24,6 +27,13 @@ int main(int argc, char* argv[])
     GraphicalSession::endStartupGuard();
     QApplication::setApplicationName(QString::fromLatin1(BundleInfo::kBundleName));
     QApplication::setApplicationVersion(QString::fromLatin1(BundleInfo::kVersion));
+    // Closing the main window only hides it; quitting is a command of its own.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    SingleInstance instance(SingleInstance::defaultName());
+    if (instance.handOverToRunningInstance())
+        return 0;
+    instance.listen();
 
     UserDefaults defaults(UserDefaults::standardFilePath());
     iCloudPrefs::registerDefaults(defaults);
@@ -33,6 +43,19 @@ int main(int argc, char* argv[])
     MessageBoxAlertPresenter alerts;
     FreedesktopFileManager fileManager;
     AppDelegate delegate({defaults, folderChooser, passwords, runningApplications, alerts, fileManager});
+
+    QObject::connect(&instance, &SingleInstance::reopenRequested, &delegate,
+                     [&delegate] { delegate.applicationShouldHandleReopen(); });
+    TerminationSignals terminationSignals;
+    terminationSignals.install();
+    // Nobody can be asked on a signal: the answer is Yes.
+    QObject::connect(&terminationSignals, &TerminationSignals::terminationRequested, &delegate,
+                     [&delegate] { delegate.requestQuit(false); });
+    QObject::connect(&application, &QGuiApplication::commitDataRequest, &delegate, [&delegate](QSessionManager& session) {
+        if (!delegate.applicationShouldTerminate(session.allowsInteraction()))
+            session.cancel();
+    });
+
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return QApplication::exec();
 }

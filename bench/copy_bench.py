@@ -1,0 +1,387 @@
+#!/usr/bin/env python3
+"""Times the backup copy against cp -a, checks what it copied, and checks its memory.
+
+    copy_bench.py [--rounds N] [--big-rounds N] [--big-file-mb M] [--settle S] [--skip-many] [--skip-big]
+
+Two trees are copied: the generated 100,000-file tree, and a tree of a few multi-gigabyte files made here
+once. The machines are shared and small, so the two programs are run alternately, round after round,
+and what counts is the median of the per-round ratio (time of pelmora-bench copy / time of cp -a).
+Whichever program goes first changes every round.
+
+Both copy from the same source into fresh folders on the same file system. Before each timed run the
+source is read once (so it starts from the page cache as far as the machine keeps it) and everything is
+synced (so that neither program pays for the other's write-back). The root file system here is ext4
+without a journal, which will not reuse the inodes of files deleted in the last minute or so: creating
+many files right after deleting many is slow for that long. So the copies of the many-file tree are kept
+until the round is over, when they are deleted and the script waits --settle seconds before going on.
+
+pelmora-bench copy runs the copier as the program does: on a worker thread, posting one event per copied
+file to a Qt event loop on the main thread, which looks the file up and adds its size.
+
+What the copy holds is checked with tools of its own: rsync -anc --itemize-changes (content by checksum,
+permissions, times to the second, link targets) must list nothing but the ".DS_Store" items the copier
+leaves out on purpose (cp -a copies them, so cp does a little more work than the copier), and a walk of
+both trees compares every modification time to the nanosecond. Peak memory is taken on the 100,000-file
+tree and on the 10,000-file one: it must not grow with the number of files.
+"""
+
+import argparse
+import os
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import time
+
+import measure_bench as common
+
+WORK_DIR = os.path.join(common.OUT_DIR, "copies")
+BIG_TREE = os.path.join(common.OUT_DIR, "tree-big")
+BIG_FILES = 3
+DEFAULT_BIG_FILE_MB = 1536
+MIN_BIG_FILE_MB = 256
+SPACE_MARGIN = 4 << 30
+
+TARGET_MANY = 1.0
+TARGET_BIG = 1.05
+MEMORY_TOLERANCE = 0.10
+
+FIGURES = re.compile(rb"copied=(\d+) bytes=(\d+) result=(true|false)")
+PEAK = re.compile(rb"MaxRSSkB=(\d+)")
+CLUTTER = b".DS_Store"
+
+
+def pelmora_argv(source, destination):
+    return [common.BENCH_BINARY, "copy", source, destination]
+
+
+def cp_argv(source, destination):
+    return ["cp", "-a", source, destination]
+
+
+def tree_bytes(tree):
+    total = 0
+    for folder, _, files in os.walk(os.fsencode(tree)):
+        for name in files:
+            total += os.lstat(os.path.join(folder, name)).st_size
+    return total
+
+
+def free_bytes(path):
+    stats = os.statvfs(path)
+    return stats.f_bavail * stats.f_frsize
+
+
+def sync():
+    subprocess.run(["sync"], check=True)
+
+
+def warm(tree):
+    """Reads every file once, untimed."""
+    for folder, _, files in os.walk(os.fsencode(tree)):
+        for name in files:
+            path = os.path.join(folder, name)
+            if os.path.islink(path):
+                continue
+            try:
+                with open(path, "rb", buffering=0) as f:
+                    while f.read(1 << 20):
+                        pass
+            except OSError:
+                pass
+
+
+def remove(path):
+    subprocess.run(["rm", "-rf", "--", path], check=True)
+
+
+def fresh_destination(label):
+    os.makedirs(WORK_DIR, exist_ok=True)
+    for index in range(1_000_000):
+        path = os.path.join(WORK_DIR, "%s-%d" % (label, index))
+        if not os.path.lexists(path):
+            return path
+    sys.exit("no fresh destination name under %s" % WORK_DIR)
+
+
+def has_clutter(relative):
+    return CLUTTER in relative.split(b"/")
+
+
+def expected_figures(tree):
+    """What the copier must report: every item that is not a folder and not under a ".DS_Store" name."""
+    count = size = 0
+    root = os.fsencode(tree)
+    for folder, folders, files in os.walk(root):
+        # A link to a folder is listed among the folders, but it is an item like any other.
+        links = [name for name in folders if os.path.islink(os.path.join(folder, name))]
+        folders[:] = [name for name in folders if name != CLUTTER and name not in links]
+        for name in files + links:
+            if name == CLUTTER:
+                continue
+            count += 1
+            size += os.lstat(os.path.join(folder, name)).st_size
+    return count, size
+
+
+def parse_figures(stdout):
+    match = FIGURES.search(stdout)
+    if not match:
+        sys.exit("unexpected output from pelmora-bench copy: %r" % stdout)
+    return int(match.group(1)), int(match.group(2)), match.group(3) == b"true"
+
+
+def timed_copy(name, tree, label):
+    destination = fresh_destination(label)
+    warm(tree)
+    sync()
+    argv = pelmora_argv(tree, destination) if name == "pelmora" else cp_argv(tree, destination)
+    wall, cpu, stdout, _ = common.run(argv)
+    sync()
+    if name == "pelmora":
+        _, _, finished = parse_figures(stdout)
+        if not finished:
+            sys.exit("pelmora-bench copy answered result=false")
+    return wall, cpu, destination
+
+
+def time_rounds(label, tree, rounds, settle, delete_each_round):
+    walls = {"pelmora": [], "cp": []}
+    ratios = []
+    kept = []
+    print("timing %d rounds on %s..." % (rounds, tree), flush=True)
+    for round_index in range(rounds):
+        order = ["pelmora", "cp"] if round_index % 2 == 0 else ["cp", "pelmora"]
+        this_round = {}
+        copies = []
+        for name in order:
+            wall, _, destination = timed_copy(name, tree, "%s-%s" % (label, name))
+            walls[name].append(wall)
+            this_round[name] = wall
+            copies.append(destination)
+        ratios.append(this_round["pelmora"] / this_round["cp"])
+        print("  round %d: pelmora %.2f s, cp -a %.2f s, ratio %.3f"
+              % (round_index + 1, this_round["pelmora"], this_round["cp"], ratios[-1]), flush=True)
+        if delete_each_round:
+            for copy in copies:
+                remove(copy)
+            sync()
+            time.sleep(settle)
+        else:
+            kept.extend(copies)
+    return walls, ratios, kept
+
+
+def report_ratios(label, walls, ratios, target):
+    median = statistics.median(ratios)
+    ok = median <= target
+    print("%s: pelmora-bench copy median wall %.2f s, cp -a median wall %.2f s"
+          % (label, statistics.median(walls["pelmora"]), statistics.median(walls["cp"])))
+    print("%s: per-round ratios pelmora/cp: %s" % (label, " ".join("%.3f" % r for r in ratios)))
+    print("%s: median ratio pelmora/cp: %.3f (target <= %.2f) %s" % (label, median, target,
+                                                                   "PASS" if ok else "FAIL"))
+    return ok
+
+
+def rsync_differences(source, destination):
+    """rsync's itemized differences, less the ".DS_Store" items the copier leaves out on purpose."""
+    result = subprocess.run(["rsync", "-anc", "--itemize-changes", source.rstrip("/") + "/",
+                             destination.rstrip("/") + "/"], stdout=subprocess.PIPE, check=True)
+    unexpected = []
+    skipped = 0
+    for line in result.stdout.split(b"\n"):
+        if not line:
+            continue
+        path = line.split(b" ", 1)[1] if b" " in line else line
+        if has_clutter(path.rstrip(b"/")):
+            skipped += 1
+        else:
+            unexpected.append(line)
+    return unexpected, skipped
+
+
+def time_differences(source, destination):
+    """Items whose modification time differs to the nanosecond, or that are missing from the copy."""
+    differences = []
+    compared = 0
+    root = os.fsencode(source)
+    copy_root = os.fsencode(destination)
+    for folder, folders, files in os.walk(root):
+        folders[:] = [name for name in folders if name != CLUTTER]
+        relative_folder = os.path.relpath(folder, root)
+        for name in [b"."] + folders + [name for name in files if name != CLUTTER]:
+            relative = os.path.normpath(os.path.join(relative_folder, name))
+            original = os.lstat(os.path.join(root, relative))
+            try:
+                copied = os.lstat(os.path.join(copy_root, relative))
+            except OSError:
+                differences.append((relative, "missing"))
+                continue
+            compared += 1
+            if original.st_mtime_ns != copied.st_mtime_ns:
+                differences.append((relative, "%d != %d" % (original.st_mtime_ns, copied.st_mtime_ns)))
+    return differences, compared
+
+
+def check_copy(label, source, destination, stdout=None):
+    ok = True
+    if stdout is not None:
+        files, size, finished = parse_figures(stdout)
+        want_files, want_size = expected_figures(source)
+        same = (files, size) == (want_files, want_size) and finished
+        print("%s: pelmora-bench copy reported copied=%d bytes=%d result=%s; expected copied=%d bytes=%d -> %s"
+              % (label, files, size, "true" if finished else "false", want_files, want_size,
+                 "IDENTICAL" if same else "DIFFERENT"))
+        ok = same
+    unexpected, skipped = rsync_differences(source, destination)
+    print("%s: rsync -anc --itemize-changes: %d line(s) for .DS_Store items left out on purpose, "
+          "%d other line(s) -> %s" % (label, skipped, len(unexpected), "PASS" if not unexpected else "FAIL"))
+    for line in unexpected[:10]:
+        print("    " + line.decode(errors="replace"))
+    differences, compared = time_differences(source, destination)
+    print("%s: nanosecond modification times: %d items compared, %d different -> %s"
+          % (label, compared, len(differences), "PASS" if not differences else "FAIL"))
+    for relative, what in differences[:10]:
+        print("    %s: %s" % (relative.decode(errors="replace"), what))
+    return ok and not unexpected and not differences
+
+
+def peak_memory_kb(tree, runs=2):
+    # As in measure_bench: spawned from a small shell so that the interpreter's own peak is not carried
+    # over into the copier's figure.
+    env = dict(os.environ, PELMORA_BENCH_RSS="1")
+    peaks = []
+    for _ in range(runs):
+        destination = fresh_destination("memory")
+        argv = ["/bin/sh", "-c", '"$0" "$@"; exit $?'] + pelmora_argv(tree, destination)
+        _, _, stdout, stderr = common.run(argv, env)
+        match = PEAK.search(stderr)
+        if not match:
+            sys.exit("pelmora-bench printed no MaxRSSkB: %r" % stderr)
+        peaks.append(int(match.group(1)))
+        remove(destination)
+    return max(peaks)
+
+
+def ensure_big_tree(file_mb):
+    """A few large files of random-looking content, made once; remade when the size asked for changes."""
+    stamp = BIG_TREE + ".stamp"
+    wanted = "%d x %d MiB\n" % (BIG_FILES, file_mb)
+    if os.path.isdir(BIG_TREE) and os.path.exists(stamp) and open(stamp).read() == wanted:
+        print("reusing %s (%s)" % (BIG_TREE, wanted.strip()))
+        return
+    remove(BIG_TREE)
+    os.makedirs(BIG_TREE)
+    started = time.monotonic()
+    block = bytearray(os.urandom(16 << 20))
+    for index in range(BIG_FILES):
+        with open(os.path.join(BIG_TREE, "Movie %d.mov" % (index + 1)), "wb") as out:
+            for chunk in range((file_mb << 20) // len(block)):
+                # Every chunk differs from the others, so no layer below can fold them together.
+                block[0:16] = (index * 1_000_000 + chunk).to_bytes(16, "little")
+                out.write(block)
+    with open(stamp, "w") as out:
+        out.write(wanted)
+    sync()
+    print("made %s (%s) in %.1f s" % (BIG_TREE, wanted.strip(), time.monotonic() - started))
+
+
+def big_file_mb(requested, rounds_kept):
+    """Scales the big files down when the disk cannot hold the tree and the copies of a round."""
+    os.makedirs(common.OUT_DIR, exist_ok=True)
+    existing = tree_bytes(BIG_TREE) if os.path.isdir(BIG_TREE) else 0
+    available = free_bytes(common.OUT_DIR) + existing - SPACE_MARGIN
+    fits = available // ((1 + rounds_kept) * BIG_FILES) >> 20
+    if fits >= requested:
+        return requested
+    if fits < MIN_BIG_FILE_MB:
+        sys.exit("not enough free space for the big-file tree (%d MiB available)" % (available >> 20))
+    print("NOTE: only %d MiB free: big files scaled down from %d MiB to %d MiB each"
+          % (available >> 20, requested, fits))
+    return fits
+
+
+def many_files_phase(args):
+    tree = common.DEFAULT_TREE
+    common.ensure_tree(tree, [])
+    common.ensure_tree(common.SMALL_TREE, common.SMALL_TREE_ARGS)
+    size = tree_bytes(tree)
+    keep = free_bytes(common.OUT_DIR) - SPACE_MARGIN > size * 2 * args.rounds
+    print("many files: %s, %.2f GB; copies %s" % (tree, size / 1e9,
+                                                  "kept until the end" if keep else "deleted after each round"))
+    walls, ratios, kept = time_rounds("many", tree, args.rounds, args.settle, delete_each_round=not keep)
+    print()
+    ratio_ok = report_ratios("many files", walls, ratios, TARGET_MANY)
+    for copy in kept:
+        remove(copy)
+    sync()
+    time.sleep(args.settle)
+
+    # One more copy, untimed, to check what it holds and what it reported.
+    destination = fresh_destination("check-many")
+    _, _, stdout, _ = common.run(pelmora_argv(tree, destination))
+    print()
+    copy_ok = check_copy("many files", tree, destination, stdout)
+    remove(destination)
+    sync()
+    time.sleep(args.settle)
+
+    large_peak = peak_memory_kb(tree)
+    small_peak = peak_memory_kb(common.SMALL_TREE)
+    memory_ok = large_peak <= small_peak * (1 + MEMORY_TOLERANCE)
+    print("peak memory of pelmora-bench copy: %d kB on %s (%d items copied), %d kB on %s (%d items copied)"
+          % (large_peak, tree, expected_figures(tree)[0], small_peak, common.SMALL_TREE,
+             expected_figures(common.SMALL_TREE)[0]))
+    print("memory independent of the number of files (within %d%%): %s"
+          % (MEMORY_TOLERANCE * 100, "PASS" if memory_ok else "FAIL"))
+    sync()
+    time.sleep(args.settle)
+    return ratio_ok and copy_ok and memory_ok
+
+
+def big_files_phase(args):
+    file_mb = big_file_mb(args.big_file_mb, 2)
+    ensure_big_tree(file_mb)
+    print("big files: %d x %d MiB" % (BIG_FILES, file_mb))
+    # Few files: deleting them costs the next round nothing, so each round's copies go right away.
+    walls, ratios, _ = time_rounds("big", BIG_TREE, args.big_rounds, min(args.settle, 10), delete_each_round=True)
+    print()
+    ratio_ok = report_ratios("big files", walls, ratios, TARGET_BIG)
+    destination = fresh_destination("check-big")
+    _, _, stdout, _ = common.run(pelmora_argv(BIG_TREE, destination))
+    copy_ok = check_copy("big files", BIG_TREE, destination, stdout)
+    remove(destination)
+    return ratio_ok and copy_ok
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Benchmark the backup copy against cp -a.")
+    parser.add_argument("--rounds", type=int, default=5, help="rounds on the many-file tree (default %(default)s)")
+    parser.add_argument("--big-rounds", type=int, default=5, help="rounds on the big files (default %(default)s)")
+    parser.add_argument("--big-file-mb", type=int, default=DEFAULT_BIG_FILE_MB,
+                        help="size of each big file in MiB (default %(default)s)")
+    parser.add_argument("--settle", type=float, default=75,
+                        help="seconds to wait after deleting many files (default %(default)s)")
+    parser.add_argument("--skip-many", action="store_true", help="leave out the many-file tree")
+    parser.add_argument("--skip-big", action="store_true", help="leave out the big files")
+    args = parser.parse_args()
+    if args.rounds < 1 or args.big_rounds < 1:
+        parser.error("rounds must be at least 1")
+    if not shutil.which("rsync"):
+        sys.exit("rsync is needed to check the copies: apt-get install rsync")
+
+    common.build()
+    remove(WORK_DIR)
+    ok = True
+    if not args.skip_many:
+        ok = many_files_phase(args) and ok
+        print()
+    if not args.skip_big:
+        ok = big_files_phase(args) and ok
+    remove(WORK_DIR)
+    return 0 if ok else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

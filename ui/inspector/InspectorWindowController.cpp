@@ -1,0 +1,158 @@
+#include "InspectorWindowController.h"
+
+#include "Helpers/ByteCountFormatter.h"
+#include "Helpers/DirectoryUtility.h"
+#include "Helpers/Localizer.h"
+#include "platform/FileManager.h"
+#include "ui_InspectorWindowController.h"
+
+#include <QDir>
+#include <QFile>
+#include <QHeaderView>
+#include <sys/stat.h>
+
+namespace {
+
+QString localized(const char* key)
+{
+    return Localizer::localizedStringForKey(QString::fromLatin1(key));
+}
+
+std::optional<struct stat> itemStatus(const QString& path)
+{
+    struct stat st {};
+    if (::lstat(QFile::encodeName(path).constData(), &st) != 0)
+        return std::nullopt;
+    return st;
+}
+
+} // namespace
+
+InspectorWindowController::InspectorWindowController(FileManager& fileManager, QWidget* parent)
+    : QWidget(parent, Qt::Window)
+    , m_fileManager(fileManager)
+    , m_ui(std::make_unique<Ui::InspectorWindowController>())
+{
+    m_ui->setupUi(this);
+}
+
+InspectorWindowController::~InspectorWindowController() = default;
+
+void InspectorWindowController::showWindow()
+{
+    if (!m_windowLoaded) {
+        m_windowLoaded = true;
+        windowDidLoad();
+    }
+    show();
+    raise();
+    activateWindow();
+}
+
+void InspectorWindowController::windowDidLoad()
+{
+    m_appContainers.clear();
+    connect(m_ui->backupContentTable, &QTableWidget::cellDoubleClicked, this, [this] { showAppContainerInFinder(); });
+    connect(m_ui->showInFinderBtn, &QPushButton::clicked, this, [this] { showInFinder(); });
+    setWindowTitle(localized("windowTitleBackupInfo"));
+    m_ui->showInFinderBtn->setText(localized("titleShowInFinder"));
+    m_ui->backupContentLabel->setText(localized("labelBackupContent"));
+    m_ui->backupContentTable->setHorizontalHeaderLabels(
+        {localized("tableColumnTitleApplication"), localized("tableColumnTitleSize")});
+    m_ui->backupContentTable->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
+    m_ui->backupContentTable->horizontalHeader()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+}
+
+// Measures every container on this thread, each time: simple, and the window shows what is on disk now.
+void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
+{
+    m_backupInfo = backup;
+    if (!backup)
+        return;
+    showWindow();
+    const std::optional<QDateTime> date = backup->backupDate();
+    m_ui->backupDateLabel->setText(date ? QLocale().toString(date->toLocalTime(), QLocale::ShortFormat) : QString());
+    const QString folder = backup->backupFolder().value_or(QString());
+    const std::optional<struct stat> folderStatus = folder.isEmpty() ? std::nullopt : itemStatus(folder);
+    if (folderStatus) {
+        const auto size = static_cast<std::uint64_t>(backup->backupSize().value_or(0));
+        m_ui->backupSizeLabel->setText(ByteCountFormatter::stringFromByteCount(size));
+    } else {
+        m_ui->backupSizeLabel->setText(localized("alertBackupNotFoundMessage"));
+        m_ui->showInFinderBtn->setEnabled(false); // for good, even if the folder comes back
+    }
+    m_appContainers.clear();
+    const std::uint32_t filesTotal = folderStatus && S_ISDIR(folderStatus->st_mode) ? findContainers(folder) : 0;
+    reloadTable();
+    m_ui->backupContentDescriptionLabel->setText(
+        localized("formatStringBackupContent")
+            .arg(QString::number(static_cast<quint64>(m_appContainers.size())), QString::number(filesTotal)));
+}
+
+// The backup's top-level folders, in listing order; hidden entries, plain files and links are left out.
+std::uint32_t InspectorWindowController::findContainers(const QString& folder)
+{
+    std::uint32_t filesTotal = 0;
+    const QStringList names =
+        QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
+    for (const QString& name : names) {
+        if (name.startsWith(QLatin1Char('.')))
+            continue;
+        const QString path = folder + QLatin1Char('/') + name;
+        const std::optional<struct stat> st = itemStatus(path);
+        if (!st || !S_ISDIR(st->st_mode))
+            continue;
+        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(QFile::encodeName(path).toStdString());
+        filesTotal += static_cast<std::uint32_t>(measure.totalFilesCount); // wraps, as the count it sums
+        m_appContainers.append({name.split(QLatin1Char('~')).constLast(), measure.totalSize, path,
+                                measure.totalFilesCount});
+    }
+    return filesTotal;
+}
+
+void InspectorWindowController::reloadTable()
+{
+    QTableWidget* table = m_ui->backupContentTable;
+    table->setRowCount(numberOfRowsInTableView());
+    for (int row = 0; row < numberOfRowsInTableView(); ++row) {
+        table->setItem(row, 0, new QTableWidgetItem(objectValueForTableColumn(QStringLiteral("app"), row)));
+        auto* size = new QTableWidgetItem(objectValueForTableColumn(QStringLiteral("size"), row));
+        size->setTextAlignment(Qt::AlignRight | Qt::AlignVCenter);
+        table->setItem(row, 1, size);
+    }
+}
+
+QString InspectorWindowController::objectValueForTableColumn(const QString& identifier, int row) const
+{
+    if (row < 0 || row >= m_appContainers.size())
+        return {};
+    if (identifier == QLatin1String("app"))
+        return m_appContainers.at(row).appName;
+    if (identifier == QLatin1String("size"))
+        return ByteCountFormatter::stringFromByteCount(m_appContainers.at(row).containerSize);
+    return {};
+}
+
+void InspectorWindowController::showInFinder()
+{
+    if (m_backupInfo && m_backupInfo->backupFolder())
+        m_fileManager.selectFile(*m_backupInfo->backupFolder());
+}
+
+void InspectorWindowController::showAppContainerInFinder()
+{
+    const QModelIndexList rows = m_ui->backupContentTable->selectionModel()->selectedRows();
+    const int row = rows.isEmpty() ? -1 : rows.constFirst().row();
+    if (row == -1 || row >= m_appContainers.size())
+        return;
+    m_fileManager.selectFile(m_appContainers.at(row).containerPath);
+}
+
+QLabel* InspectorWindowController::backupDateLabel() const { return m_ui->backupDateLabel; }
+QLabel* InspectorWindowController::backupSizeLabel() const { return m_ui->backupSizeLabel; }
+QPushButton* InspectorWindowController::showInFinderBtn() const { return m_ui->showInFinderBtn; }
+QTableWidget* InspectorWindowController::backupContentTable() const { return m_ui->backupContentTable; }
+QLabel* InspectorWindowController::backupContentDescriptionLabel() const
+{
+    return m_ui->backupContentDescriptionLabel;
+}

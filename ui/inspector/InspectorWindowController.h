@@ -1,0 +1,60 @@
+#pragma once
+
+#include "engine/BackupRecord.h"
+
+#include <QWidget>
+#include <cstdint>
+#include <memory>
+
+class FileManager;
+class QLabel;
+class QPushButton;
+class QTableWidget;
+
+namespace Ui {
+class InspectorWindowController;
+}
+
+// The information window of one backup: its date, its size, and one row per application container with
+// the container's size, measured afresh from the backup folder each time the window is filled.
+class InspectorWindowController : public QWidget {
+    Q_OBJECT
+
+public:
+    struct ContainerEntry {
+        QString appName;       // the folder name after its last "~"
+        std::uint64_t containerSize = 0;
+        QString containerPath;
+        std::int32_t containerFilesCount = 0;
+    };
+
+    explicit InspectorWindowController(FileManager& fileManager, QWidget* parent = nullptr);
+    ~InspectorWindowController() override;
+
+    void showBackupInfo(const BackupRecordRef& backup);
+    void showInFinder();
+    void showAppContainerInFinder();
+
+    const BackupRecordRef& backupInfo() const { return m_backupInfo; }
+    const QList<ContainerEntry>& appContainers() const { return m_appContainers; }
+    int numberOfRowsInTableView() const { return static_cast<int>(m_appContainers.size()); }
+    QString objectValueForTableColumn(const QString& identifier, int row) const;
+
+    QLabel* backupDateLabel() const;
+    QLabel* backupSizeLabel() const;
+    QPushButton* showInFinderBtn() const;
+    QTableWidget* backupContentTable() const;
+    QLabel* backupContentDescriptionLabel() const;
+
+private:
+    void windowDidLoad();
+    void showWindow();
+    std::uint32_t findContainers(const QString& folder);
+    void reloadTable();
+
+    FileManager& m_fileManager;
+    std::unique_ptr<Ui::InspectorWindowController> m_ui;
+    BackupRecordRef m_backupInfo;
+    QList<ContainerEntry> m_appContainers;
+    bool m_windowLoaded = false;
+};
