@@ -9,8 +9,11 @@ and what counts is the median of the per-round ratio (time of pelmora-bench copy
 Whichever program goes first changes every round.
 
 Both copy from the same source into fresh folders on the same file system. Before each timed run the
-source is read once (so it starts from the page cache as far as the machine keeps it) and everything is
-synced (so that neither program pays for the other's write-back). The root file system here is ext4
+source is read once (so it starts from the page cache as far as the machine keeps it), everything is
+synced (so that neither program pays for the other's write-back), and as much memory as the copy will
+fill is touched and freed again: this virtual machine hands free memory back to its host, and the first
+touch of such memory costs more than the copying itself, so without this whichever program ran first
+would pay for the other. The root file system here is ext4
 without a journal, which will not reuse the inodes of files deleted in the last minute or so: creating
 many files right after deleting many is slow for that long. So the copies of the many-file tree are kept
 until the round is over, when they are deleted and the script waits --settle seconds before going on.
@@ -92,6 +95,19 @@ def warm(tree):
                 pass
 
 
+def prime_memory(size):
+    """Touches `size` bytes of memory and frees them again, untimed (see above)."""
+    with open("/proc/meminfo") as meminfo:
+        fields = dict(line.split(":", 1) for line in meminfo)
+    available = int(fields["MemAvailable"].split()[0]) * 1024
+    size = min(size, available - (2 << 30))
+    if size <= 0:
+        return
+    block = bytearray(size)
+    block[::4096] = b"\x01" * len(range(0, size, 4096))
+    del block
+
+
 def remove(path):
     subprocess.run(["rm", "-rf", "--", path], check=True)
 
@@ -132,10 +148,11 @@ def parse_figures(stdout):
     return int(match.group(1)), int(match.group(2)), match.group(3) == b"true"
 
 
-def timed_copy(name, tree, label):
+def timed_copy(name, tree, label, size):
     destination = fresh_destination(label)
     warm(tree)
     sync()
+    prime_memory(size + (1 << 30))
     argv = pelmora_argv(tree, destination) if name == "pelmora" else cp_argv(tree, destination)
     wall, cpu, stdout, _ = common.run(argv)
     sync()
@@ -150,13 +167,14 @@ def time_rounds(label, tree, rounds, settle, delete_each_round):
     walls = {"pelmora": [], "cp": []}
     ratios = []
     kept = []
+    size = tree_bytes(tree)
     print("timing %d rounds on %s..." % (rounds, tree), flush=True)
     for round_index in range(rounds):
         order = ["pelmora", "cp"] if round_index % 2 == 0 else ["cp", "pelmora"]
         this_round = {}
         copies = []
         for name in order:
-            wall, _, destination = timed_copy(name, tree, "%s-%s" % (label, name))
+            wall, _, destination = timed_copy(name, tree, "%s-%s" % (label, name), size)
             walls[name].append(wall)
             this_round[name] = wall
             copies.append(destination)
@@ -357,7 +375,7 @@ def big_files_phase(args):
 
 def main():
     parser = argparse.ArgumentParser(description="Benchmark the backup copy against cp -a.")
-    parser.add_argument("--rounds", type=int, default=5, help="rounds on the many-file tree (default %(default)s)")
+    parser.add_argument("--rounds", type=int, default=7, help="rounds on the many-file tree (default %(default)s)")
     parser.add_argument("--big-rounds", type=int, default=5, help="rounds on the big files (default %(default)s)")
     parser.add_argument("--big-file-mb", type=int, default=DEFAULT_BIG_FILE_MB,
                         help="size of each big file in MiB (default %(default)s)")

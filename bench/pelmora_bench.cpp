@@ -2,6 +2,7 @@
 #include "Helpers/DirectoryUtility.h"
 #include "app/iCloudPrefs.h"
 #include "engine/DirectoryCopier.h"
+#include "engine/RestorePreparation.h"
 #include "platform/EventStream.h"
 #include "platform/FreedesktopFileManager.h"
 #include "platform/MessageBoxAlertPresenter.h"
@@ -37,6 +38,7 @@ int usage()
                          "       pelmora-bench watch DIR [LATENCY_SECONDS]\n"
                          "       pelmora-bench ui-latency DIR [ROUNDS]\n"
                          "       pelmora-bench copy SRC DST\n"
+                         "       pelmora-bench restore LIVE BACKUP\n"
                          "  PELMORA_BENCH_RSS=1 also prints memory figures (kB) on stderr\n");
     return 2;
 }
@@ -212,6 +214,59 @@ int copy(int argc, char* argv[])
     return 0;
 }
 
+// Makes LIVE match BACKUP the way a restore runs, without its window: the pruning and the count on one
+// worker thread, their figures handed to the main thread's event loop, which starts the copy back on
+// another worker; that one posts an event per copied file, looked up and added up on the main thread.
+// The count goes to stderr, so that a caller can hold it against what was copied.
+int restore(int argc, char* argv[])
+{
+    QCoreApplication application(argc, argv);
+    const std::filesystem::path live(argv[2]);
+    const std::filesystem::path backup(argv[3]);
+    std::atomic<bool> canceled{false};
+    RestoreTotals totals;
+    std::uint64_t copiedFiles = 0;
+    std::uint64_t copiedBytes = 0;
+    bool finished = false;
+    std::thread copying;
+    auto copyBack = [&] {
+        finished = DirectoryCopier::copyDirectoryAtPath(
+            backup, live, canceled, [&](const std::filesystem::path& copiedSource) {
+                QMetaObject::invokeMethod(
+                    &application,
+                    [&, copiedSource] {
+                        struct stat status {};
+                        if (::lstat(copiedSource.c_str(), &status) == 0)
+                            copiedBytes += static_cast<std::uint64_t>(status.st_size);
+                        ++copiedFiles;
+                    },
+                    Qt::QueuedConnection);
+            });
+        // Queued behind every progress event, so the main thread has counted them all when it quits.
+        QMetaObject::invokeMethod(&application, &QCoreApplication::quit, Qt::QueuedConnection);
+    };
+    std::thread preparing([&] {
+        RestorePreparation::pruneLiveFolder(live, backup, canceled);
+        const RestoreTotals measured = RestorePreparation::measureFilesToCopy(backup, live, canceled);
+        QMetaObject::invokeMethod(
+            &application,
+            [&, measured] {
+                totals = measured;
+                copying = std::thread(copyBack);
+            },
+            Qt::QueuedConnection);
+    });
+    QCoreApplication::exec();
+    preparing.join();
+    copying.join();
+    std::printf("pruned_then_copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(copiedFiles),
+                static_cast<unsigned long long>(copiedBytes), finished ? "true" : "false");
+    std::fprintf(stderr, "to_copy=%d to_copy_bytes=%llu\n", totals.totalCount,
+                 static_cast<unsigned long long>(totals.totalSize));
+    reportPeakMemory();
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -224,5 +279,7 @@ int main(int argc, char* argv[])
         return uiLatency(argc, argv);
     if (argc == 4 && std::strcmp(argv[1], "copy") == 0)
         return copy(argc, argv);
+    if (argc == 4 && std::strcmp(argv[1], "restore") == 0)
+        return restore(argc, argv);
     return usage();
 }

@@ -4,9 +4,11 @@
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
+#include <utility>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,43 +21,51 @@ namespace {
 // second, so that a comparison of only the seconds or only the nanoseconds shows.
 constexpr timespec kBackupTime{1700000000, 123456789};
 
-void setModified(const fs::path& path, timespec modified) {
+void setModified(const fs::path& path, timespec modified)
+{
     const timespec times[2] = {{0, UTIME_OMIT}, modified};
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
-void writeDated(const fs::path& file, std::string_view content, timespec modified) {
+void writeDated(const fs::path& file, std::string_view content, timespec modified)
+{
     writeFile(file, content);
     setModified(file, modified);
 }
 
-bool itemExists(const fs::path& path) {
+bool itemExists(const fs::path& path)
+{
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0;
 }
 
-struct stat statusOf(const fs::path& path) {
+struct stat statusOf(const fs::path& path)
+{
     struct stat status {};
     EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
     return status;
 }
 
-bool isFolder(const fs::path& path) {
+bool isFolder(const fs::path& path)
+{
     return itemExists(path) && S_ISDIR(statusOf(path).st_mode);
 }
 
-bool isRegularFile(const fs::path& path) {
+bool isRegularFile(const fs::path& path)
+{
     return itemExists(path) && S_ISREG(statusOf(path).st_mode);
 }
 
-std::pair<time_t, long> modifiedOf(const fs::path& path) {
+std::pair<time_t, long> modifiedOf(const fs::path& path)
+{
     const struct stat status = statusOf(path);
     return {status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
 }
 
 class RestorePreparationTest : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         makeFolder(live);
         makeFolder(backup);
         makeFolder(outside);
@@ -65,13 +75,15 @@ protected:
     RestoreTotals measure() { return RestorePreparation::measureFilesToCopy(backup, live, canceled); }
 
     // Both passes in the program's order; returns what the copy back is expected to create.
-    RestoreTotals prepare() {
+    RestoreTotals prepare()
+    {
         prune();
         return measure();
     }
 
     // The copy back, as the restore runs it; returns the number of files it reported.
-    int copyBack() {
+    int copyBack()
+    {
         int copied = 0;
         EXPECT_TRUE(
             DirectoryCopier::copyDirectoryAtPath(backup, live, canceled, [&](const fs::path&) { ++copied; }));
@@ -79,7 +91,8 @@ protected:
     }
 
     // A live file that differs from its backup copy only by its time has to go and come back.
-    void expectReplacedWhenLiveTimeIs(timespec liveTime) {
+    void expectReplacedWhenLiveTimeIs(timespec liveTime)
+    {
         writeDated(backup / "Pages" / "doc.txt", "from backup", kBackupTime);
         writeDated(live / "Pages" / "doc.txt", "edited since, and longer", liveTime);
 
@@ -102,7 +115,8 @@ protected:
     std::atomic<bool> canceled{false};
 };
 
-TEST_F(RestorePreparationTest, LiveFileWithTheBackupsTimeStaysUntouchedAndIsNotCounted) {
+TEST_F(RestorePreparationTest, LiveFileWithTheBackupsTimeStaysUntouchedAndIsNotCounted)
+{
     writeDated(backup / "doc.txt", "backup content", kBackupTime);
     writeDated(live / "doc.txt", "live content", kBackupTime);
     const ino_t inode = statusOf(live / "doc.txt").st_ino;
@@ -115,15 +129,18 @@ TEST_F(RestorePreparationTest, LiveFileWithTheBackupsTimeStaysUntouchedAndIsNotC
     EXPECT_EQ(readFile(live / "doc.txt"), "live content");
 }
 
-TEST_F(RestorePreparationTest, LiveFileNewerByOneNanosecondIsReplacedByTheBackupsCopy) {
+TEST_F(RestorePreparationTest, LiveFileNewerByOneNanosecondIsReplacedByTheBackupsCopy)
+{
     expectReplacedWhenLiveTimeIs({kBackupTime.tv_sec, kBackupTime.tv_nsec + 1});
 }
 
-TEST_F(RestorePreparationTest, LiveFileOlderByOneSecondIsReplacedByTheBackupsCopy) {
+TEST_F(RestorePreparationTest, LiveFileOlderByOneSecondIsReplacedByTheBackupsCopy)
+{
     expectReplacedWhenLiveTimeIs({kBackupTime.tv_sec - 1, kBackupTime.tv_nsec});
 }
 
-TEST_F(RestorePreparationTest, LiveFolderTheBackupLacksGoesWithEverythingInIt) {
+TEST_F(RestorePreparationTest, LiveFolderTheBackupLacksGoesWithEverythingInIt)
+{
     makeFolder(backup / "kept");
     writeFile(live / "kept" / "extra" / "inner" / "deep.txt", "deep");
     writeFile(live / "kept" / "extra" / "file.txt", "file");
@@ -136,7 +153,8 @@ TEST_F(RestorePreparationTest, LiveFolderTheBackupLacksGoesWithEverythingInIt) {
     EXPECT_EQ(totals.totalCount, 0);
 }
 
-TEST_F(RestorePreparationTest, LiveFolderWhereTheBackupHasAFileBecomesThatFile) {
+TEST_F(RestorePreparationTest, LiveFolderWhereTheBackupHasAFileBecomesThatFile)
+{
     writeDated(backup / "item", "a file in the backup", kBackupTime);
     writeDated(live / "item" / "inside.txt", "inside", kBackupTime);
     setModified(live / "item", kBackupTime); // the same time must not keep a folder standing for a file
@@ -151,7 +169,8 @@ TEST_F(RestorePreparationTest, LiveFolderWhereTheBackupHasAFileBecomesThatFile) 
     EXPECT_EQ(readFile(live / "item"), "a file in the backup");
 }
 
-TEST_F(RestorePreparationTest, LiveFileWhereTheBackupHasAFolderBecomesThatFolder) {
+TEST_F(RestorePreparationTest, LiveFileWhereTheBackupHasAFolderBecomesThatFolder)
+{
     writeFile(backup / "item" / "a.txt", "abc");
     writeFile(backup / "item" / "sub" / "b.txt", "defgh");
     writeDated(live / "item", "a file in the live folder", kBackupTime);
@@ -166,7 +185,8 @@ TEST_F(RestorePreparationTest, LiveFileWhereTheBackupHasAFolderBecomesThatFolder
     EXPECT_EQ(readFile(live / "item" / "sub" / "b.txt"), "defgh");
 }
 
-TEST_F(RestorePreparationTest, HiddenLiveItemsStayAndHiddenFoldersAreNotEntered) {
+TEST_F(RestorePreparationTest, HiddenLiveItemsStayAndHiddenFoldersAreNotEntered)
+{
     makeFolder(backup / "Numbers");
     writeDated(backup / ".settings", "backup's", kBackupTime);
     writeDated(live / ".settings", "live's, changed since", {kBackupTime.tv_sec + 60, 0});
@@ -185,7 +205,8 @@ TEST_F(RestorePreparationTest, HiddenLiveItemsStayAndHiddenFoldersAreNotEntered)
     EXPECT_EQ(totals.totalCount, 0);
 }
 
-TEST_F(RestorePreparationTest, BackupsDsStoreIsNeitherCountedNorCopiedButOtherHiddenFilesAre) {
+TEST_F(RestorePreparationTest, BackupsDsStoreIsNeitherCountedNorCopiedButOtherHiddenFilesAre)
+{
     writeFile(backup / ".DS_Store", std::string(100, 'd'));
     writeFile(backup / "Keynote" / ".DS_Store", std::string(50, 'd'));
     writeFile(backup / "Keynote" / ".hidden", "1234567");
@@ -200,7 +221,8 @@ TEST_F(RestorePreparationTest, BackupsDsStoreIsNeitherCountedNorCopiedButOtherHi
     EXPECT_FALSE(itemExists(live / "Keynote" / ".DS_Store"));
 }
 
-TEST_F(RestorePreparationTest, LinkToAFolderOutsideIsRemovedAsALink) {
+TEST_F(RestorePreparationTest, LinkToAFolderOutsideIsRemovedAsALink)
+{
     writeFile(outside / "victim.txt", "must survive");
     writeFile(outside / "inner" / "deep.txt", "must survive too");
     makeSymlink(outside.native(), live / "portal");
@@ -213,7 +235,8 @@ TEST_F(RestorePreparationTest, LinkToAFolderOutsideIsRemovedAsALink) {
     EXPECT_EQ(totals.totalCount, 0);
 }
 
-TEST_F(RestorePreparationTest, LinkNamedLikeABackupFolderIsReplacedByThatFolderLeavingItsTargetAlone) {
+TEST_F(RestorePreparationTest, LinkNamedLikeABackupFolderIsReplacedByThatFolderLeavingItsTargetAlone)
+{
     writeFile(backup / "docs" / "a.txt", "from backup");
     writeFile(backup / "docs" / "b.txt", "also from backup");
     writeFile(outside / "victim.txt", "the backup's docs folder lacks this");
@@ -234,7 +257,8 @@ TEST_F(RestorePreparationTest, LinkNamedLikeABackupFolderIsReplacedByThatFolderL
     EXPECT_FALSE(itemExists(outside / "b.txt"));
 }
 
-TEST_F(RestorePreparationTest, PruneCanceledBeforehandRemovesNothing) {
+TEST_F(RestorePreparationTest, PruneCanceledBeforehandRemovesNothing)
+{
     writeFile(live / "extra.txt", "extra");
     writeFile(live / "folder" / "inner.txt", "inner");
     canceled = true;
@@ -245,7 +269,8 @@ TEST_F(RestorePreparationTest, PruneCanceledBeforehandRemovesNothing) {
     EXPECT_EQ(readFile(live / "folder" / "inner.txt"), "inner");
 }
 
-TEST_F(RestorePreparationTest, MeasureCanceledBeforehandCountsNothing) {
+TEST_F(RestorePreparationTest, MeasureCanceledBeforehandCountsNothing)
+{
     writeFile(backup / "a.txt", "aaa");
     writeFile(backup / "folder" / "b.txt", "bbb");
     canceled = true;
@@ -256,7 +281,8 @@ TEST_F(RestorePreparationTest, MeasureCanceledBeforehandCountsNothing) {
     EXPECT_EQ(totals.totalSize, 0u);
 }
 
-TEST_F(RestorePreparationTest, NamesThatAreNotUtf8AreMatchedByTheirBytes) {
+TEST_F(RestorePreparationTest, NamesThatAreNotUtf8AreMatchedByTheirBytes)
+{
     const std::string folder = "r\xe9sum\xe9";
     writeDated(backup / folder / "same\xff.bin", "same", kBackupTime);
     writeFile(backup / folder / "new\x80.txt", "12345");

@@ -27,7 +27,8 @@ namespace {
 constexpr int kFolders = 40;
 constexpr int kFiles = 300;
 
-bool isHiddenPath(const fs::path& relative) {
+bool isHiddenPath(const fs::path& relative)
+{
     for (const fs::path& component : relative) {
         if (component.native().starts_with('.'))
             return true;
@@ -35,19 +36,22 @@ bool isHiddenPath(const fs::path& relative) {
     return false;
 }
 
-void setModified(const fs::path& path, timespec modified) {
+void setModified(const fs::path& path, timespec modified)
+{
     const timespec times[2] = {{0, UTIME_OMIT}, modified};
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
-std::string linkTarget(const fs::path& path) {
+std::string linkTarget(const fs::path& path)
+{
     char target[4096];
     const ssize_t size = ::readlink(path.c_str(), target, sizeof target);
     return size < 0 ? std::string("<none>") : std::string(target, static_cast<std::size_t>(size));
 }
 
 // Kind, permission bits, time to the nanosecond and content or target: what must not change.
-std::string describe(const fs::path& path) {
+std::string describe(const fs::path& path)
+{
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0)
         return "missing";
@@ -61,20 +65,22 @@ std::string describe(const fs::path& path) {
     return "file " + common + " " + readFile(path);
 }
 
-std::string shellQuoted(const std::string& text) {
+std::string shellQuoted(const std::string& text)
+{
     std::string quoted = "'";
     for (char c : text)
         quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return quoted + "'";
 }
 
-bool rsyncAvailable() {
+bool rsyncAvailable()
+{
     return std::system("command -v rsync >/dev/null 2>&1") == 0;
 }
 
 // rsync's itemized list of what it would change to make `destination` match `source`, one line each.
-std::vector<std::string> rsyncDifferences(const fs::path& source, const fs::path& destination,
-                                          int& exitCode) {
+std::vector<std::string> rsyncDifferences(const fs::path& source, const fs::path& destination, int& exitCode)
+{
     // Folder times are left out: the restore keeps the folders that stay, with their own times, and
     // removing or adding items changes them anyway. Restored folders are compared by time below.
     const std::string command =
@@ -108,13 +114,15 @@ protected:
     fs::path backup() const { return home.path() / "backups" / "2026.11.22-10.00.00"; }
     fs::path outside() const { return home.path() / "elsewhere"; }
 
-    timespec randomTime() {
+    timespec randomTime()
+    {
         std::uniform_int_distribution<long> seconds(1600000000, 1700000000);
         std::uniform_int_distribution<long> nanoseconds(0, 999999999);
         return {seconds(random), nanoseconds(random)};
     }
 
-    std::string randomContent() {
+    std::string randomContent()
+    {
         std::uniform_int_distribution<int> size(0, 6000);
         std::uniform_int_distribution<int> byte(0, 255);
         std::string content(static_cast<std::size_t>(size(random)), '\0');
@@ -124,16 +132,19 @@ protected:
     }
 
     template<typename T>
-    const T& pick(const std::vector<T>& items) {
+    const T& pick(const std::vector<T>& items)
+    {
         return items[std::uniform_int_distribution<std::size_t>(0, items.size() - 1)(random)];
     }
 
-    void addFile(const fs::path& relative, std::string_view content, timespec modified) {
+    void addFile(const fs::path& relative, std::string_view content, timespec modified)
+    {
         writeFile(live() / relative, content);
         setModified(live() / relative, modified);
     }
 
-    void buildLiveTree() {
+    void buildLiveTree()
+    {
         const std::vector<std::string> folderNames = {
             "Documents", "R\xc3\xa9sum\xc3\xa9s", "\xe6\x97\xa5\xe6\x9c\xac", "caf\xe9",       "Archive 2023",
             "Pages",     "\xff\xfe raw",          "Notes \xf0\x9f\x8e\x89",   ".hidden folder"};
@@ -180,7 +191,8 @@ protected:
     }
 
     // Content as it was, time a nanosecond off: a comparison of whole seconds would not see it.
-    void touchByOneNanosecond(const fs::path& file) {
+    void touchByOneNanosecond(const fs::path& file)
+    {
         struct stat status {};
         ASSERT_EQ(::lstat(file.c_str(), &status), 0);
         timespec modified = status.st_mtim;
@@ -189,7 +201,8 @@ protected:
     }
 
     // Everything a user may do between the backup and the restore, except editing hidden files.
-    void changeLiveTree() {
+    void changeLiveTree()
+    {
         std::vector<fs::path> visible;
         std::vector<fs::path> hidden;
         for (const fs::path& file : files)
@@ -239,7 +252,8 @@ protected:
                            ".added hidden folder/sub/deeper.txt"};
     }
 
-    std::set<fs::path> liveFolders() const {
+    std::set<fs::path> liveFolders() const
+    {
         std::set<fs::path> found;
         for (const fs::directory_entry& entry : fs::recursive_directory_iterator(live())) {
             if (entry.is_directory() && !entry.is_symlink())
@@ -256,7 +270,8 @@ protected:
     std::vector<fs::path> hiddenAdditions;
 };
 
-TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAdditions) {
+TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAdditions)
+{
     if (!rsyncAvailable())
         GTEST_SKIP() << "rsync is not installed (scripts/bootstrap installs it)";
     writeFile(outside() / "victim.txt", "outside the live folder");
