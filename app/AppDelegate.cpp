@@ -208,7 +208,11 @@ InspectorWindowController* AppDelegate::inspectorForBackup(const BackupRecordRef
         if (inspector->backupInfo() == backup)
             return inspector.get();
     }
-    m_inspectorControllers.push_back(std::make_unique<InspectorWindowController>(m_services.fileManager));
+    auto inspector = std::make_unique<InspectorWindowController>(m_services.fileManager);
+    // Beside the main window, each new one a little further, rather than wherever the system puts it.
+    const int offset = 32 * static_cast<int>(m_inspectorControllers.size() % 8);
+    inspector->move(m_mainWindowController->frameGeometry().topRight() + QPoint(16 + offset, offset));
+    m_inspectorControllers.push_back(std::move(inspector));
     return m_inspectorControllers.back().get();
 }
 

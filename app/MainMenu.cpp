@@ -40,6 +40,8 @@ QAction* MainMenu::addItem(QMenu* menu, const char* title, Command command, cons
 {
     QAction* item = menu->addAction(QString::fromLatin1(title));
     item->setShortcut(shortcut);
+    // The menu bar lives in the main window; its shortcuts work from every window of the program.
+    item->setShortcutContext(Qt::ApplicationShortcut);
     item->setProperty(kCommandProperty, static_cast<int>(command));
     if (!m_actions.contains(command))
         m_actions.insert(command, item);

@@ -13,7 +13,10 @@ source is read once (so it starts from the page cache as far as the machine keep
 synced (so that neither program pays for the other's write-back), and as much memory as the copy will
 fill is touched and freed again: this virtual machine hands free memory back to its host, and the first
 touch of such memory costs more than the copying itself, so without this whichever program ran first
-would pay for the other. The root file system here is ext4
+would pay for the other. The page cache does not hold still either: this machine's memory manager pages
+out file data left unread for a few seconds, so a copy taking longer than that reads part of its source
+from disk again, as it would on a user's machine after a while. Single rounds therefore spread widely;
+only the median over several rounds means something. The root file system here is ext4
 without a journal, which will not reuse the inodes of files deleted in the last minute or so: creating
 many files right after deleting many is slow for that long. So the copies of the many-file tree are kept
 until the round is over, when they are deleted and the script waits --settle seconds before going on.

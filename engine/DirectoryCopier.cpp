@@ -64,7 +64,11 @@ public:
         }
     }
 
-    void abandon() { *this = Listing(); m_complete = true; }
+    void abandon()
+    {
+        *this = Listing();
+        m_complete = true;
+    }
 
 private:
     bool readChunk(int folderFd)
@@ -199,12 +203,10 @@ void appendName(std::string& path, const char* name)
     path += name;
 }
 
-using Progress = std::function<void(const std::filesystem::path& copiedSource)>;
-
 class Copy {
 public:
     Copy(const std::filesystem::path& source, const std::filesystem::path& destination,
-         const std::atomic<bool>& cancelRequested, const Progress& progress)
+         const std::atomic<bool>& cancelRequested, const DirectoryCopier::Progress& progress)
         : m_source(source)
         , m_destination(destination)
         , m_cancelRequested(cancelRequested)
@@ -256,8 +258,9 @@ private:
             return true;
         if (errno != ENOENT)
             return false;
-        std::filesystem::path parent = m_destination.has_filename() ? m_destination.parent_path()
-                                                                    : m_destination.parent_path().parent_path();
+        std::filesystem::path parent = m_destination.has_filename()
+                                           ? m_destination.parent_path()
+                                           : m_destination.parent_path().parent_path();
         std::error_code ignored;
         std::filesystem::create_directories(parent, ignored);
         return ::mkdir(m_destination.c_str(), kFillingFolderMode) == 0;
@@ -372,7 +375,7 @@ private:
     const std::filesystem::path& m_source;
     const std::filesystem::path& m_destination;
     const std::atomic<bool>& m_cancelRequested;
-    const Progress& m_progress;
+    const DirectoryCopier::Progress& m_progress;
     ItemCopier m_itemCopier;
     std::vector<Level> m_stack;
     std::size_t m_firstHeld = 0;
@@ -383,8 +386,7 @@ private:
 
 bool DirectoryCopier::copyDirectoryAtPath(const std::filesystem::path& source,
                                           const std::filesystem::path& destination,
-                                          const std::atomic<bool>& cancelRequested,
-                                          const std::function<void(const std::filesystem::path& copiedSource)>& progress)
+                                          const std::atomic<bool>& cancelRequested, const Progress& progress)
 {
     return Copy(source, destination, cancelRequested, progress).run();
 }

@@ -26,14 +26,19 @@
 //   the unread part of one listing chunk. At most kMaxHeldLevels folders keep their descriptors; a
 //   shallower one gives them up after reading the rest of its listing into memory, and is reopened
 //   through ".." (checked by device and inode) when the walk comes back to it. Only trees deeper than
-//   that hold listings beyond one chunk per folder.
+//   that hold listings beyond one chunk per folder, and only there can coming back fail: a source folder
+//   moved away meanwhile has the rest of its entries passed over, and a destination folder that cannot
+//   be reached again (moved, or its sub-folder had no destination folder to come back through) makes the
+//   remaining copies into it fail.
 class DirectoryCopier {
 public:
     DirectoryCopier() = delete;
 
+    using Progress = std::function<void(const std::filesystem::path& copiedSource)>;
+
     static constexpr std::size_t kMaxHeldLevels = 64;
 
-    static bool copyDirectoryAtPath(const std::filesystem::path& source, const std::filesystem::path& destination,
-                                    const std::atomic<bool>& cancelRequested,
-                                    const std::function<void(const std::filesystem::path& copiedSource)>& progress);
+    static bool copyDirectoryAtPath(const std::filesystem::path& source,
+                                    const std::filesystem::path& destination,
+                                    const std::atomic<bool>& cancelRequested, const Progress& progress);
 };

@@ -37,18 +37,22 @@ public:
                                                               int destinationFd);
 
 private:
-    std::optional<FsError> copyRegularFile(int sourceParentFd, const char* sourceName, int destinationParentFd,
-                                           const char* destinationName);
+    std::optional<FsError> copyRegularFile(int sourceParentFd, const char* sourceName,
+                                           int destinationParentFd, const char* destinationName);
     std::optional<FsError> fillRegularFile(int source, const struct stat& status, int destination,
                                            const char* sourceName, const char* destinationName);
     std::optional<FsError> copyContent(int source, const struct stat& status, int destination,
                                        const char* sourceName, const char* destinationName);
     std::optional<FsError> copyByReadAndWrite(int source, off_t remaining, int destination,
                                               const char* sourceName, const char* destinationName);
-    std::optional<FsError> copySymbolicLink(int sourceParentFd, const char* sourceName, const struct stat& status,
-                                            int destinationParentFd, const char* destinationName);
-    std::optional<FsError> copyFifo(const struct stat& status, int destinationParentFd, const char* destinationName);
+    std::optional<FsError> copySymbolicLink(int sourceParentFd, const char* sourceName,
+                                            const struct stat& status, int destinationParentFd,
+                                            const char* destinationName);
+    std::optional<FsError> copyFifo(const struct stat& status, int destinationParentFd,
+                                    const char* destinationName);
     std::optional<FsError> copyExtendedAttributes(int source, int destination, const char* destinationName);
+    std::optional<FsError> copyExtendedAttribute(int source, int destination, const char* name,
+                                                 const char* destinationName);
     static std::optional<FsError> copyPermissionsAndTimes(const struct stat& source, int destination,
                                                           const char* destinationName);
 

@@ -6,18 +6,92 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <algorithm>
 #include <optional>
+#include <string>
+#include <unistd.h>
+#include <vector>
 #include <sys/stat.h>
 
 namespace {
 
-std::optional<struct stat> itemStatus(const std::filesystem::path& path)
-{
-    struct stat st {};
-    if (::lstat(path.c_str(), &st) != 0)
-        return std::nullopt;
-    return st;
-}
+// The folder at the same relative place in the other tree, kept open while the walk reads the folders
+// of one branch, so that each entry is looked up relative to it instead of by a whole path. Opened one
+// component at a time without following links, like the walk itself: a link in the other tree is
+// never taken for a folder, and paths longer than PATH_MAX work.
+class CounterpartFolder {
+public:
+    explicit CounterpartFolder(const std::filesystem::path& root)
+        : m_rootFd(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    {
+    }
+    ~CounterpartFolder()
+    {
+        closeFrom(0);
+        if (m_rootFd >= 0)
+            ::close(m_rootFd);
+    }
+    CounterpartFolder(const CounterpartFolder&) = delete;
+    CounterpartFolder& operator=(const CounterpartFolder&) = delete;
+
+    // The status of the other tree's item at the entry's place, or nothing when there is none.
+    std::optional<struct stat> statusOf(const WalkEntry& entry)
+    {
+        const int folder = folderFor(entry.relativeFolder);
+        struct stat st {};
+        if (folder < 0 || ::fstatat(folder, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+            return std::nullopt;
+        return st;
+    }
+
+private:
+    struct Level {
+        std::string name;
+        int fd; // -1: there is no folder of that name here
+    };
+
+    int folderFor(const std::string& relative)
+    {
+        if (relative != m_relative)
+            moveTo(relative);
+        return m_levels.empty() ? m_rootFd : m_levels.back().fd;
+    }
+
+    // Keeps the levels the new place shares with the old one and opens the rest.
+    void moveTo(const std::string& relative)
+    {
+        m_relative = relative;
+        std::vector<std::string> names;
+        for (std::size_t start = 0; start < relative.size();) {
+            const std::size_t end = std::min(relative.find('/', start), relative.size());
+            names.emplace_back(relative, start, end - start);
+            start = end + 1;
+        }
+        std::size_t shared = 0;
+        while (shared < names.size() && shared < m_levels.size() && m_levels[shared].name == names[shared])
+            ++shared;
+        closeFrom(shared);
+        for (std::size_t i = shared; i < names.size(); ++i) {
+            const int parent = i == 0 ? m_rootFd : m_levels[i - 1].fd;
+            const int fd = parent < 0 ? -1
+                                      : ::openat(parent, names[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            m_levels.push_back({names[i], fd});
+        }
+    }
+
+    void closeFrom(std::size_t index)
+    {
+        for (std::size_t i = index; i < m_levels.size(); ++i) {
+            if (m_levels[i].fd >= 0)
+                ::close(m_levels[i].fd);
+        }
+        m_levels.resize(std::min(index, m_levels.size()));
+    }
+
+    int m_rootFd;
+    std::string m_relative;
+    std::vector<Level> m_levels;
+};
 
 std::optional<struct stat> entryStatus(int parentFd, const char* name)
 {
@@ -41,13 +115,13 @@ bool keepsFile(const WalkEntry& entry, const std::optional<struct stat>& counter
     return live && sameModificationTime(*live, *counterpart);
 }
 
-WalkAction pruneEntry(const WalkEntry& entry, const std::filesystem::path& backup)
+WalkAction pruneEntry(const WalkEntry& entry, CounterpartFolder& backup)
 {
     if (DirectoryUtility::isAliasFile(entry.parentFd, entry.name)) {
         ItemRemover::removeItemAt(entry.parentFd, entry.name);
         return WalkAction::SkipDescendants;
     }
-    const std::optional<struct stat> counterpart = itemStatus(backup / entry.relativePath());
+    const std::optional<struct stat> counterpart = backup.statusOf(entry);
     if (entry.isDirectory) {
         if (counterpart && S_ISDIR(counterpart->st_mode))
             return WalkAction::Continue;
@@ -64,12 +138,13 @@ WalkAction pruneEntry(const WalkEntry& entry, const std::filesystem::path& backu
 void RestorePreparation::pruneLiveFolder(const std::filesystem::path& live, const std::filesystem::path& backup,
                                          const std::atomic<bool>& canceled)
 {
+    CounterpartFolder backupFolder(backup);
     DirectoryWalker::walk(live, [&](const WalkEntry& entry) {
         if (canceled.load(std::memory_order_relaxed))
             return WalkAction::Stop;
         if (entry.name[0] == '.')
             return WalkAction::SkipDescendants; // hidden: neither touched nor entered
-        return pruneEntry(entry, backup);
+        return pruneEntry(entry, backupFolder);
     });
 }
 
@@ -79,13 +154,14 @@ RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path
 {
     std::uint64_t totalSize = 0;
     std::uint32_t totalCount = 0; // unsigned so that the wrap is defined
+    CounterpartFolder liveFolder(live);
     DirectoryWalker::walk(backup, [&](const WalkEntry& entry) {
         if (canceled.load(std::memory_order_relaxed))
             return WalkAction::Stop;
         if (entry.isDirectory || std::strcmp(entry.name, ".DS_Store") == 0 ||
             DirectoryUtility::isAliasFile(entry.parentFd, entry.name))
             return WalkAction::Continue;
-        if (itemStatus(live / entry.relativePath()))
+        if (liveFolder.statusOf(entry))
             return WalkAction::Continue;
         const std::optional<struct stat> item = entryStatus(entry.parentFd, entry.name);
         if (!item)

@@ -30,6 +30,7 @@ import xml.etree.ElementTree as ElementTree
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 sys.path.insert(0, os.path.join(ROOT, "scripts"))
+sys.dont_write_bytecode = True  # no __pycache__ in the checkout
 import screenshot  # noqa: E402  (the XWD to PNG converter shared with scripts/screenshot.py)
 
 SKIPPED = 77

@@ -42,8 +42,9 @@ std::string describe(const fs::path& path)
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0)
         return "missing";
-    std::string description = std::to_string(status.st_mode & 07777) + " " + std::to_string(status.st_mtim.tv_sec) +
-                              "." + std::to_string(status.st_mtim.tv_nsec);
+    std::string description = std::to_string(status.st_mode & 07777) + " " +
+                              std::to_string(status.st_mtim.tv_sec) + "." +
+                              std::to_string(status.st_mtim.tv_nsec);
     if (S_ISDIR(status.st_mode))
         return "folder " + description;
     if (S_ISLNK(status.st_mode))
@@ -162,11 +163,12 @@ protected:
 
     bool copy(const std::function<void(const fs::path&)>& alsoOnProgress = {})
     {
-        return DirectoryCopier::copyDirectoryAtPath(source(), destination(), cancel, [&](const fs::path& copied) {
-            progress.push_back(copied);
-            if (alsoOnProgress)
-                alsoOnProgress(copied);
-        });
+        return DirectoryCopier::copyDirectoryAtPath(source(), destination(), cancel,
+                                                    [&](const fs::path& copied) {
+                                                        progress.push_back(copied);
+                                                        if (alsoOnProgress)
+                                                            alsoOnProgress(copied);
+                                                    });
     }
 
     std::vector<std::string> progressRelative() const
@@ -198,8 +200,9 @@ TEST_F(DirectoryCopierTest, CopiesEveryItemWithItsPermissionsTimesAndLinkTargets
     ::chmod((source() / "script.sh").c_str(), 0755);
     ::chmod((source() / "Pages").c_str(), 0750);
     int second = 1;
-    for (const fs::path& item : {source() / "notes.txt", source() / "to-file", source() / "Pages" / "Report.pages",
-                                 source() / "Pages", source() / "read-only", source() / "empty", source()})
+    for (const fs::path& item :
+         {source() / "notes.txt", source() / "to-file", source() / "Pages" / "Report.pages",
+          source() / "Pages", source() / "read-only", source() / "empty", source()})
         setTimes(item, {1600000000, 1}, {1700000000 + second++, 123456789});
     ::chmod((source() / "read-only").c_str(), 0555);
     const std::map<std::string, std::string> original = snapshot(source());
@@ -209,8 +212,9 @@ TEST_F(DirectoryCopierTest, CopiesEveryItemWithItsPermissionsTimesAndLinkTargets
     EXPECT_EQ(snapshot(destination()), original);
     EXPECT_EQ(describe(destination()), describe(source()));
     EXPECT_THAT(progressRelative(),
-                UnorderedElementsAre("notes.txt", ".hidden", "caf\xe9 menu.txt", "Pages/Report.pages/Index.zip",
-                                     "script.sh", "read-only/inside.txt", "to-file", "to-folder", "dangling"));
+                UnorderedElementsAre("notes.txt", ".hidden", "caf\xe9 menu.txt",
+                                     "Pages/Report.pages/Index.zip", "script.sh", "read-only/inside.txt",
+                                     "to-file", "to-folder", "dangling"));
 }
 
 TEST_F(DirectoryCopierTest, FollowsTheListingOrderDepthFirst)
@@ -387,7 +391,8 @@ TEST_F(DirectoryCopierTest, ItemsThatVanishMidWalkArePassedOver)
         }
     }));
 
-    EXPECT_EQ(regularFilesBelow(destination()), (std::set<std::string>{first.lexically_relative(source()).native()}));
+    EXPECT_EQ(regularFilesBelow(destination()),
+              (std::set<std::string>{first.lexically_relative(source()).native()}));
     EXPECT_EQ(readFile(destination() / first.lexically_relative(source())), "content");
 }
 
@@ -449,7 +454,8 @@ TEST_F(DirectoryCopierTest, DeepTreesKeepFewDescriptorsOpenAndMissNothing)
     const int descriptorsBefore = openDescriptorCount();
 
     int mostDescriptors = 0;
-    EXPECT_TRUE(copy([&](const fs::path&) { mostDescriptors = std::max(mostDescriptors, openDescriptorCount()); }));
+    EXPECT_TRUE(
+        copy([&](const fs::path&) { mostDescriptors = std::max(mostDescriptors, openDescriptorCount()); }));
 
     EXPECT_EQ(progress.size(), std::size_t(depth) * 10);
     EXPECT_EQ(snapshot(destination()), original);

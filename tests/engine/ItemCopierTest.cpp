@@ -116,7 +116,10 @@ protected:
     fs::path source() const { return home.path() / "source"; }
     fs::path destination() const { return home.path() / "destination"; }
 
-    std::optional<FsError> copy(const char* name) { return copier.copyItem(sourceFd, name, destinationFd, name); }
+    std::optional<FsError> copy(const char* name)
+    {
+        return copier.copyItem(sourceFd, name, destinationFd, name);
+    }
 
     TestHome home;
     ItemCopier copier;

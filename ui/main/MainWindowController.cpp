@@ -33,6 +33,7 @@
 #include <QHeaderView>
 #include <QMenu>
 #include <QScreen>
+#include <QShortcut>
 #include <QThread>
 #include <QThreadPool>
 #include <cmath>
@@ -159,6 +160,12 @@ void MainWindowController::connectTable()
     connect(m_ui->restoreFromBackupBtn, &QPushButton::clicked, this,
             [this] { performAction(Action::RestoreFromBackup); });
     connect(m_ui->backUpNowBtn, &QPushButton::clicked, this, [this] { performAction(Action::BackUpNow); });
+    // The bare Delete key, as the context menu shows it, also works on the table itself.
+    auto* deleteKey = new QShortcut(QKeySequence(Qt::Key_Delete), table, nullptr, nullptr, Qt::WidgetShortcut);
+    connect(deleteKey, &QShortcut::activated, this, [this] {
+        if (!m_iCloudBeingRestored)
+            performAction(Action::DeleteBackup);
+    });
 }
 
 void MainWindowController::styleiCloudCaption()
