@@ -25,10 +25,12 @@ struct Frame {
 class Walk {
 public:
     Walk(const DirectoryWalker::Visitor& visit, const DirectoryWalker::ErrorHandler& onError,
-         std::filesystem::path root)
+         std::filesystem::path root, int rootParentFd = AT_FDCWD, int rootFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC)
         : m_visit(visit)
         , m_onError(onError)
         , m_root(std::move(root))
+        , m_rootParentFd(rootParentFd)
+        , m_rootFlags(rootFlags)
     {
     }
 
@@ -40,7 +42,7 @@ public:
 
     bool run()
     {
-        int rootFd = ::open(m_root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        int rootFd = ::openat(m_rootParentFd, m_root.c_str(), m_rootFlags);
         if (rootFd < 0) {
             report("open", {}, errno);
             return false;
@@ -217,6 +219,8 @@ private:
     const DirectoryWalker::Visitor& m_visit;
     const DirectoryWalker::ErrorHandler& m_onError;
     std::filesystem::path m_root;
+    int m_rootParentFd;
+    int m_rootFlags;
     std::vector<Frame> m_stack;
     std::vector<char> m_buffer = std::vector<char>(64 * 1024);
     std::string m_relativeFolder;
@@ -229,4 +233,10 @@ private:
 bool DirectoryWalker::walk(const std::filesystem::path& root, const Visitor& visit, const ErrorHandler& onError)
 {
     return Walk(visit, onError, root).run();
+}
+
+bool DirectoryWalker::walk(int parentFd, const std::filesystem::path& name, const Visitor& visit,
+                           const ErrorHandler& onError)
+{
+    return Walk(visit, onError, name, parentFd, kOpenFolderFlags).run();
 }

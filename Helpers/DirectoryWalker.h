@@ -47,4 +47,10 @@ public:
 
     // Returns false when the root itself cannot be opened as a folder (the error handler is told why).
     static bool walk(const std::filesystem::path& root, const Visitor& visit, const ErrorHandler& onError = {});
+
+    // Walks the folder called `name` (one name, no "/") inside the open folder `parentFd`. It is never
+    // taken through a symbolic link: one found there is refused like a file. Errors name paths relative
+    // to `parentFd`.
+    static bool walk(int parentFd, const std::filesystem::path& name, const Visitor& visit,
+                     const ErrorHandler& onError = {});
 };

@@ -21,6 +21,7 @@
 #include <QTimer>
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <vector>
 #include <cstdio>
@@ -229,6 +230,9 @@ int restore(int argc, char* argv[])
     std::uint64_t copiedBytes = 0;
     bool finished = false;
     std::thread copying;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point started = Clock::now();
+    Clock::time_point pruned, counted, copied;
     auto copyBack = [&] {
         finished = DirectoryCopier::copyDirectoryAtPath(
             backup, live, canceled, [&](const std::filesystem::path& copiedSource) {
@@ -242,12 +246,15 @@ int restore(int argc, char* argv[])
                     },
                     Qt::QueuedConnection);
             });
+        copied = Clock::now();
         // Queued behind every progress event, so the main thread has counted them all when it quits.
         QMetaObject::invokeMethod(&application, &QCoreApplication::quit, Qt::QueuedConnection);
     };
     std::thread preparing([&] {
         RestorePreparation::pruneLiveFolder(live, backup, canceled);
+        pruned = Clock::now();
         const RestoreTotals measured = RestorePreparation::measureFilesToCopy(backup, live, canceled);
+        counted = Clock::now();
         QMetaObject::invokeMethod(
             &application,
             [&, measured] {
@@ -263,6 +270,9 @@ int restore(int argc, char* argv[])
                 static_cast<unsigned long long>(copiedBytes), finished ? "true" : "false");
     std::fprintf(stderr, "to_copy=%d to_copy_bytes=%llu\n", totals.totalCount,
                  static_cast<unsigned long long>(totals.totalSize));
+    const auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
+    std::fprintf(stderr, "prune_ms=%.0f count_ms=%.0f copy_ms=%.0f\n", ms(pruned - started), ms(counted - pruned),
+                 ms(copied - counted));
     reportPeakMemory();
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "DirectoryCopier.h"
 
 #include "Helpers/DirectoryUtility.h"
+#include "Helpers/FolderNames.h"
 #include "engine/ItemCopier.h"
 
 #include <cerrno>
@@ -115,6 +116,8 @@ struct Level {
     int sourceFd = -1;
     int destinationFd = -1;
     Listing listing;
+    // What the destination folder held when the walk came to it: nothing, when the walk created it.
+    FolderNames destinationNames;
     std::size_t sourcePathLength = 0; // of the walk's source path before this folder's name was added
     // Only for a destination folder this walk created: the source folder's status, given to it on leaving.
     std::optional<struct stat> sourceStatus;
@@ -140,13 +143,6 @@ bool isFolder(int parentFd, const dirent64& entry)
         return entry.d_type == DT_DIR;
     struct stat status {};
     return ::fstatat(parentFd, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
-}
-
-// Any item counts, a dangling link included: an existing item is never replaced.
-bool existsAt(int folderFd, const char* name)
-{
-    struct stat status {};
-    return ::fstatat(folderFd, name, &status, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 int openFolder(int parentFd, const std::string& name)
@@ -244,6 +240,8 @@ private:
         const bool created = createRootDestination();
         root.destinationFd = ::open(m_destination.c_str(), kOpenRootFlags);
         root.sourceFd = ::open(m_source.c_str(), kOpenRootFlags);
+        if (!created)
+            root.destinationNames = FolderNames(root.destinationFd);
         if (created && root.destinationFd >= 0)
             root.sourceStatus = folderStatus(root.sourceFd, AT_FDCWD, m_source.native());
         root.sourcePathLength = m_sourcePath.size();
@@ -288,9 +286,11 @@ private:
         return copyItem(level, entry.d_name);
     }
 
+    // Any item already there counts, a dangling link included: an existing item is never replaced. One
+    // that appears after the destination folder was listed makes the exclusive creation fail instead.
     Outcome copyItem(const Level& level, const char* name)
     {
-        if (existsAt(level.destinationFd, name) || DirectoryUtility::isAliasFile(level.sourceFd, name))
+        if (level.destinationNames.contains(level.destinationFd, name) || DirectoryUtility::isAliasFile(level.sourceFd, name))
             return Outcome::Continue;
         // A copy that fails is passed over like one that worked: the item is missing from the copy and the
         // next run tries it again, since nothing was left in its place.
@@ -312,6 +312,8 @@ private:
         const bool created = ::mkdirat(parent.destinationFd, name.c_str(), kFillingFolderMode) == 0;
         child.destinationFd = openFolder(parent.destinationFd, name);
         child.sourceFd = openFolder(parent.sourceFd, name);
+        if (!created)
+            child.destinationNames = FolderNames(child.destinationFd);
         if (created && child.destinationFd >= 0)
             child.sourceStatus = folderStatus(child.sourceFd, parent.sourceFd, name);
         child.sourcePathLength = m_sourcePath.size();

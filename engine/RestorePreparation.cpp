@@ -2,16 +2,20 @@
 
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/DirectoryWalker.h"
+#include "Helpers/FolderNames.h"
 #include "Helpers/ItemRemover.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fcntl.h>
-#include <algorithm>
+#include <functional>
 #include <optional>
 #include <string>
+#include <sys/stat.h>
+#include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <vector>
-#include <sys/stat.h>
 
 namespace {
 
@@ -21,8 +25,9 @@ namespace {
 // never taken for a folder, and paths longer than PATH_MAX work.
 class CounterpartFolder {
 public:
-    explicit CounterpartFolder(const std::filesystem::path& root)
-        : m_rootFd(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    // Takes over `rootFd`, the other tree's folder where the walk starts (-1: there is none).
+    explicit CounterpartFolder(int rootFd)
+        : m_rootFd(rootFd)
     {
     }
     ~CounterpartFolder()
@@ -44,10 +49,24 @@ public:
         return st;
     }
 
+    // Whether the other tree has an item of any kind at the entry's place. Each of its folders is listed
+    // once, when first asked about, instead of asking for every name.
+    bool contains(const WalkEntry& entry)
+    {
+        const int folder = folderFor(entry.relativeFolder);
+        if (folder < 0)
+            return false;
+        std::optional<FolderNames>& names = m_levels.empty() ? m_rootNames : m_levels.back().names;
+        if (!names)
+            names.emplace(folder);
+        return names->contains(folder, entry.name);
+    }
+
 private:
     struct Level {
         std::string name;
         int fd; // -1: there is no folder of that name here
+        std::optional<FolderNames> names = {};
     };
 
     int folderFor(const std::string& relative)
@@ -89,6 +108,7 @@ private:
     }
 
     int m_rootFd;
+    std::optional<FolderNames> m_rootNames;
     std::string m_relative;
     std::vector<Level> m_levels;
 };
@@ -133,18 +153,120 @@ WalkAction pruneEntry(const WalkEntry& entry, CounterpartFolder& backup)
     return WalkAction::Continue;
 }
 
+struct Tally {
+    std::atomic<std::uint64_t> size{0};
+    std::atomic<std::uint32_t> count{0}; // unsigned so that the wrap is defined
+};
+
+void countEntry(const WalkEntry& entry, CounterpartFolder& live, Tally& tally)
+{
+    if (std::strcmp(entry.name, ".DS_Store") == 0 || DirectoryUtility::isAliasFile(entry.parentFd, entry.name))
+        return;
+    if (live.contains(entry))
+        return;
+    const std::optional<struct stat> item = entryStatus(entry.parentFd, entry.name);
+    if (!item)
+        return; // vanished from the backup meanwhile: it cannot be copied either
+    tally.count.fetch_add(1, std::memory_order_relaxed);
+    tally.size.fetch_add(static_cast<std::uint64_t>(item->st_size), std::memory_order_relaxed);
+}
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd)
+        : m_fd(fd)
+    {
+    }
+    ~Descriptor()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+int openRoot(const std::filesystem::path& root)
+{
+    return ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+}
+
+int openSubfolder(int rootFd, const std::string& name)
+{
+    return rootFd < 0 ? -1 : ::openat(rootFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+unsigned workerCount()
+{
+    return std::clamp(std::thread::hardware_concurrency(), 1U, 4U);
+}
+
+// The top-level folders are the containers of the cloud-documents folder, independent of one another, and
+// a pass spends its time in the kernel's work per entry: walking them on several threads uses every core.
+// The calling thread is one of the workers; a thread that cannot be started leaves its share to the others.
+void forEachInParallel(const std::vector<std::string>& names, const std::function<void(const std::string&)>& work)
+{
+    std::atomic<std::size_t> next{0};
+    auto worker = [&] {
+        for (std::size_t i = next.fetch_add(1); i < names.size(); i = next.fetch_add(1))
+            work(names[i]);
+    };
+    const std::size_t helpers = std::min<std::size_t>(workerCount() - 1, names.size() / 2);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < helpers; ++i) {
+        try {
+            threads.emplace_back(worker);
+        } catch (const std::system_error&) {
+            break;
+        }
+    }
+    worker();
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+// Walks `root` with `visit`, but hands each of its folders that the visitor lets the walk enter to
+// `subtree` instead of entering it, all at once in parallel once the root's own entries are done.
+void walkSplitAtTopLevel(const std::filesystem::path& root, CounterpartFolder& counterpart,
+                         const std::function<WalkAction(const WalkEntry&, CounterpartFolder&)>& visit,
+                         const std::function<void(const std::string&)>& subtree)
+{
+    std::vector<std::string> folders;
+    DirectoryWalker::walk(root, [&](const WalkEntry& entry) {
+        const WalkAction action = visit(entry, counterpart);
+        if (action != WalkAction::Continue || !entry.isDirectory)
+            return action;
+        folders.emplace_back(entry.name);
+        return WalkAction::SkipDescendants;
+    });
+    forEachInParallel(folders, subtree);
+}
+
 } // namespace
 
 void RestorePreparation::pruneLiveFolder(const std::filesystem::path& live, const std::filesystem::path& backup,
                                          const std::atomic<bool>& canceled)
 {
-    CounterpartFolder backupFolder(backup);
-    DirectoryWalker::walk(live, [&](const WalkEntry& entry) {
+    auto visit = [&](const WalkEntry& entry, CounterpartFolder& backupFolder) {
         if (canceled.load(std::memory_order_relaxed))
             return WalkAction::Stop;
         if (entry.name[0] == '.')
             return WalkAction::SkipDescendants; // hidden: neither touched nor entered
         return pruneEntry(entry, backupFolder);
+    };
+    const Descriptor liveRoot(openRoot(live));
+    const Descriptor backupRoot(openRoot(backup));
+    CounterpartFolder backupFolder(::dup(backupRoot.get()));
+    walkSplitAtTopLevel(live, backupFolder, visit, [&](const std::string& name) {
+        if (canceled.load())
+            return;
+        CounterpartFolder backupSubfolder(openSubfolder(backupRoot.get(), name));
+        DirectoryWalker::walk(liveRoot.get(), name,
+                              [&](const WalkEntry& entry) { return visit(entry, backupSubfolder); });
     });
 }
 
@@ -152,23 +274,23 @@ RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path
                                                      const std::filesystem::path& live,
                                                      const std::atomic<bool>& canceled)
 {
-    std::uint64_t totalSize = 0;
-    std::uint32_t totalCount = 0; // unsigned so that the wrap is defined
-    CounterpartFolder liveFolder(live);
-    DirectoryWalker::walk(backup, [&](const WalkEntry& entry) {
+    Tally tally;
+    auto visit = [&](const WalkEntry& entry, CounterpartFolder& liveFolder) {
         if (canceled.load(std::memory_order_relaxed))
             return WalkAction::Stop;
-        if (entry.isDirectory || std::strcmp(entry.name, ".DS_Store") == 0 ||
-            DirectoryUtility::isAliasFile(entry.parentFd, entry.name))
-            return WalkAction::Continue;
-        if (liveFolder.statusOf(entry))
-            return WalkAction::Continue;
-        const std::optional<struct stat> item = entryStatus(entry.parentFd, entry.name);
-        if (!item)
-            return WalkAction::Continue; // vanished from the backup meanwhile: it cannot be copied either
-        ++totalCount;
-        totalSize += static_cast<std::uint64_t>(item->st_size);
+        if (!entry.isDirectory)
+            countEntry(entry, liveFolder, tally);
         return WalkAction::Continue;
+    };
+    const Descriptor backupRoot(openRoot(backup));
+    const Descriptor liveRoot(openRoot(live));
+    CounterpartFolder liveFolder(::dup(liveRoot.get()));
+    walkSplitAtTopLevel(backup, liveFolder, visit, [&](const std::string& name) {
+        if (canceled.load())
+            return;
+        CounterpartFolder liveSubfolder(openSubfolder(liveRoot.get(), name));
+        DirectoryWalker::walk(backupRoot.get(), name,
+                              [&](const WalkEntry& entry) { return visit(entry, liveSubfolder); });
     });
-    return RestoreTotals{totalSize, static_cast<std::int32_t>(totalCount)};
+    return RestoreTotals{tally.size.load(), static_cast<std::int32_t>(tally.count.load())};
 }

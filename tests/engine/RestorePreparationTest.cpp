@@ -257,6 +257,37 @@ TEST_F(RestorePreparationTest, LinkNamedLikeABackupFolderIsReplacedByThatFolderL
     EXPECT_FALSE(itemExists(outside / "b.txt"));
 }
 
+// Containers are pruned and counted side by side: every one of them has to end up right, and the count
+// has to add up over all of them.
+TEST_F(RestorePreparationTest, EveryContainerIsPrunedAndCountedWhenThereAreMany)
+{
+    constexpr int kContainers = 16;
+    for (int i = 0; i < kContainers; ++i) {
+        const std::string container = "container" + std::to_string(i);
+        writeDated(backup / container / "kept.txt", "kept", kBackupTime);
+        writeDated(live / container / "kept.txt", "kept", kBackupTime);
+        writeDated(backup / container / "deep" / "edited.txt", "backup", kBackupTime);
+        writeFile(live / container / "deep" / "edited.txt", "edited live");
+        writeFile(backup / container / "deep" / "missing.txt", std::string(static_cast<std::size_t>(i), 'm'));
+        writeFile(live / container / "added" / "new.txt", "added live");
+    }
+    writeFile(live / "only-live" / "x.txt", "x");
+    writeFile(backup / "only-backup" / "y.txt", "yy");
+
+    const RestoreTotals totals = prepare();
+
+    for (int i = 0; i < kContainers; ++i) {
+        const fs::path container = live / ("container" + std::to_string(i));
+        EXPECT_TRUE(isRegularFile(container / "kept.txt")) << i;
+        EXPECT_FALSE(itemExists(container / "deep" / "edited.txt")) << i;
+        EXPECT_FALSE(itemExists(container / "added")) << i;
+    }
+    EXPECT_FALSE(itemExists(live / "only-live"));
+    // Per container the edited and the missing file, and the folder only the backup has.
+    EXPECT_EQ(totals.totalCount, 2 * kContainers + 1);
+    EXPECT_EQ(totals.totalSize, 6u * kContainers + (kContainers - 1) * kContainers / 2 + 2);
+}
+
 TEST_F(RestorePreparationTest, PruneCanceledBeforehandRemovesNothing)
 {
     writeFile(live / "extra.txt", "extra");

@@ -3,6 +3,7 @@
 #include "support/TreeBuilder.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -103,6 +104,29 @@ TEST_F(DirectoryWalkerTest, AFolderReplacedByALinkIsNotFollowed)
     EXPECT_EQ(seen.count("2:secret"), 0u);
     ASSERT_EQ(errors.size(), 1u);
     // O_NOFOLLOW with O_DIRECTORY refuses a link as ENOTDIR or ELOOP, depending on the kernel.
+    EXPECT_THAT(errors.front().code, ::testing::AnyOf(ELOOP, ENOTDIR));
+}
+
+TEST_F(DirectoryWalkerTest, AFolderNamedInAnOpenFolderIsWalkedButALinkThereIsRefused)
+{
+    writeFile(root() / "container" / "inner" / "file", "x");
+    writeFile(home.path() / "outside" / "secret", "x");
+    makeSymlink((home.path() / "outside").string(), root() / "portal");
+    const int rootFd = ::open(root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(rootFd, 0);
+
+    std::multiset<std::string> seen;
+    auto record = [&](const WalkEntry& entry) {
+        seen.insert(std::to_string(entry.depth) + ":" + entry.relativeFolder + "|" + entry.name);
+        return WalkAction::Continue;
+    };
+    auto report = [&](const FsError& error) { errors.push_back(error); };
+    EXPECT_TRUE(DirectoryWalker::walk(rootFd, "container", record, report));
+    EXPECT_FALSE(DirectoryWalker::walk(rootFd, "portal", record, report));
+    ::close(rootFd);
+
+    EXPECT_THAT(seen, UnorderedElementsAre("1:|inner", "2:inner|file"));
+    ASSERT_EQ(errors.size(), 1u);
     EXPECT_THAT(errors.front().code, ::testing::AnyOf(ELOOP, ENOTDIR));
 }
 

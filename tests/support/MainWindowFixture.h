@@ -43,7 +43,8 @@ protected:
                 [this](const QString& chosen) { homeDirectory = chosen; },
                 scriptedStreamFactory(streams),
                 std::chrono::milliseconds(10),
-                copier};
+                copier,
+                clock};
     }
     std::unique_ptr<MainWindowController> openWindow(bool sandboxed = false)
     {
@@ -68,4 +69,5 @@ protected:
     std::optional<QString> homeDirectory = QString::fromStdString(home.path().string());
     StreamLog streams;
     MainWindowController::Services::CopierFunction copier = {};
+    std::function<QDateTime()> clock = {};
 };

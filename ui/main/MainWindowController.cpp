@@ -446,7 +446,7 @@ void MainWindowController::beginBackUp()
     m_currentCountOfCopiedItems = 0;
     showProgressWindow("windowTitleOperationBackUp", "operationPreparingToCopyItems", this);
     setCopyButtonsEnabled(false);
-    const QDateTime start = QDateTime::currentDateTime();
+    const QDateTime start = m_services.now ? m_services.now() : QDateTime::currentDateTime();
     m_iCloudBackupDirectory = BackupRoot::folderPath(start);
     startCountingPass(start);
 }

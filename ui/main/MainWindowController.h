@@ -4,6 +4,7 @@
 #include "ui/main/CustomTableView.h"
 #include "watch/SCEvents.h"
 
+#include <QDateTime>
 #include <QMainWindow>
 #include <QPointer>
 #include <atomic>
@@ -64,6 +65,8 @@ public:
                                const std::atomic<bool>& cancelRequested,
                                const std::function<void(const std::filesystem::path&)>& progress)>;
         CopierFunction copier = {};
+        // When a backup starts, which names its folder; empty: the wall clock.
+        std::function<QDateTime()> now = {};
     };
 
     static inline const QString kDateColumn = QStringLiteral("date");
