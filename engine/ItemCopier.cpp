@@ -1,5 +1,7 @@
 #include "ItemCopier.h"
 
+#include "Helpers/FileDescriptor.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -25,36 +27,6 @@ constexpr std::size_t kRangeBytes = std::size_t(1) << 30;
 constexpr std::size_t kMaxLinkTargetBytes = 1 << 20;
 // Smaller files fit in the kernel's first read-ahead anyway.
 constexpr off_t kSequentialHintBytes = 1 << 20;
-
-// Closes on every way out, so that the steps can return early.
-class Descriptor {
-public:
-    explicit Descriptor(int fd)
-        : m_fd(fd)
-    {
-    }
-    ~Descriptor()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int get() const { return m_fd; }
-
-    // Some file systems report a failed write only when the file is closed, so the outcome counts. Linux
-    // closes the descriptor even when close is interrupted, so EINTR is no failure.
-    bool close()
-    {
-        const int fd = m_fd;
-        m_fd = -1;
-        return ::close(fd) == 0 || errno == EINTR;
-    }
-
-private:
-    int m_fd;
-};
 
 // The reading side only wants not to touch the documents' access times, which O_NOATIME grants to their
 // owner alone.
@@ -182,7 +154,7 @@ std::optional<FsError> ItemCopier::copyFolderAttributes(int sourceFd, const stru
 std::optional<FsError> ItemCopier::copyRegularFile(int sourceParentFd, const char* sourceName,
                                                    int destinationParentFd, const char* destinationName)
 {
-    Descriptor source(openSource(sourceParentFd, sourceName));
+    FileDescriptor source(openSource(sourceParentFd, sourceName));
     if (source.get() < 0)
         return FsError{"openat", sourceName, errno};
     // The descriptor's own status: the name may stand for another file than the one looked at before.
@@ -191,7 +163,7 @@ std::optional<FsError> ItemCopier::copyRegularFile(int sourceParentFd, const cha
         return FsError{"fstat", sourceName, errno};
     if (!S_ISREG(status.st_mode))
         return FsError{"openat", sourceName, EINVAL};
-    Descriptor destination(::openat(destinationParentFd, destinationName, kCreateFlags, kFillingMode));
+    FileDescriptor destination(::openat(destinationParentFd, destinationName, kCreateFlags, kFillingMode));
     if (destination.get() < 0)
         return FsError{"openat", destinationName, errno};
     std::optional<FsError> failure =
@@ -295,7 +267,7 @@ std::optional<FsError> ItemCopier::copyFifo(const struct stat& status, int desti
 {
     if (::mkfifoat(destinationParentFd, destinationName, kFillingMode) != 0)
         return FsError{"mkfifoat", destinationName, errno};
-    Descriptor fifo(
+    FileDescriptor fifo(
         ::openat(destinationParentFd, destinationName, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
     std::optional<FsError> failure = fifo.get() < 0
                                          ? FsError{"openat", destinationName, errno}

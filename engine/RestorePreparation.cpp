@@ -2,6 +2,7 @@
 
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/DirectoryWalker.h"
+#include "Helpers/FileDescriptor.h"
 #include "Helpers/FolderNames.h"
 #include "Helpers/ItemRemover.h"
 
@@ -171,25 +172,6 @@ void countEntry(const WalkEntry& entry, CounterpartFolder& live, Tally& tally)
     tally.size.fetch_add(static_cast<std::uint64_t>(item->st_size), std::memory_order_relaxed);
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd)
-        : m_fd(fd)
-    {
-    }
-    ~Descriptor()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
 int openRoot(const std::filesystem::path& root)
 {
     return ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -258,8 +240,8 @@ void RestorePreparation::pruneLiveFolder(const std::filesystem::path& live, cons
             return WalkAction::SkipDescendants; // hidden: neither touched nor entered
         return pruneEntry(entry, backupFolder);
     };
-    const Descriptor liveRoot(openRoot(live));
-    const Descriptor backupRoot(openRoot(backup));
+    const FileDescriptor liveRoot(openRoot(live));
+    const FileDescriptor backupRoot(openRoot(backup));
     CounterpartFolder backupFolder(::dup(backupRoot.get()));
     walkSplitAtTopLevel(live, backupFolder, visit, [&](const std::string& name) {
         if (canceled.load())
@@ -282,8 +264,8 @@ RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path
             countEntry(entry, liveFolder, tally);
         return WalkAction::Continue;
     };
-    const Descriptor backupRoot(openRoot(backup));
-    const Descriptor liveRoot(openRoot(live));
+    const FileDescriptor backupRoot(openRoot(backup));
+    const FileDescriptor liveRoot(openRoot(live));
     CounterpartFolder liveFolder(::dup(liveRoot.get()));
     walkSplitAtTopLevel(backup, liveFolder, visit, [&](const std::string& name) {
         if (canceled.load())

@@ -1,5 +1,7 @@
 #include "ProcRunningApplications.h"
 
+#include "Helpers/FileDescriptor.h"
+
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDir>
@@ -32,25 +34,6 @@ constexpr int kBusTimeoutMs = 250;
 // A parent chain is walked only this far: /proc can change under the walk, and a loop must not hang it.
 constexpr int kAncestorLimit = 64;
 
-// Closes a descriptor when it goes out of scope.
-class ScopedDescriptor {
-public:
-    explicit ScopedDescriptor(int descriptor)
-        : m_descriptor(descriptor)
-    {
-    }
-    ~ScopedDescriptor()
-    {
-        if (m_descriptor >= 0)
-            ::close(m_descriptor);
-    }
-    ScopedDescriptor(const ScopedDescriptor&) = delete;
-    ScopedDescriptor& operator=(const ScopedDescriptor&) = delete;
-
-private:
-    int m_descriptor;
-};
-
 // Nothing here may block: an environment can name a FIFO or a device as its desktop file, so only regular
 // files are read (the files of /proc are regular, with a size of 0).
 std::optional<QByteArray> readSmallFile(int folderFd, const char* name, qsizetype limit)
@@ -58,7 +41,7 @@ std::optional<QByteArray> readSmallFile(int folderFd, const char* name, qsizetyp
     const int fd = ::openat(folderFd, name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
     if (fd < 0)
         return std::nullopt;
-    ScopedDescriptor closer(fd);
+    const FileDescriptor closer(fd);
     struct stat info {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))
         return std::nullopt;
@@ -513,7 +496,7 @@ ProcRunningApplications::runningApplicationWithProcessIdentifier(pid_t pid) cons
 {
     const int procFd =
         ::open(QFile::encodeName(m_sources.procRoot).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ScopedDescriptor closer(procFd);
+    const FileDescriptor closer(procFd);
     const std::optional<Process> process = procFd >= 0 && pid > 0 ? readProcess(procFd, pid) : std::nullopt;
     if (!process || !process->application)
         return std::nullopt;
@@ -558,7 +541,7 @@ std::optional<ProcRunningApplications::Process> ProcRunningApplications::readPro
     const int processFd = ::openat(procFd, std::to_string(pid).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (processFd < 0)
         return std::nullopt;
-    ScopedDescriptor closer(processFd);
+    const FileDescriptor closer(processFd);
     const std::optional<QByteArray> statusText = readSmallFile(processFd, "status", kStatusLimit);
     if (!statusText)
         return std::nullopt;
