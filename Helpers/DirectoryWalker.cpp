@@ -25,12 +25,11 @@ struct Frame {
 class Walk {
 public:
     Walk(const DirectoryWalker::Visitor& visit, const DirectoryWalker::ErrorHandler& onError,
-         std::filesystem::path root, int rootParentFd = AT_FDCWD, int rootFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+         std::filesystem::path root, DirectoryWalker::FolderObserver* observer = nullptr)
         : m_visit(visit)
         , m_onError(onError)
         , m_root(std::move(root))
-        , m_rootParentFd(rootParentFd)
-        , m_rootFlags(rootFlags)
+        , m_observer(observer)
     {
     }
 
@@ -40,17 +39,22 @@ public:
             closeFrame(frame);
     }
 
-    bool run()
+    bool open(int parentFd, int flags)
     {
-        int rootFd = ::openat(m_rootParentFd, m_root.c_str(), m_rootFlags);
+        const int rootFd = ::openat(parentFd, m_root.c_str(), flags);
         if (rootFd < 0) {
             report("open", {}, errno);
             return false;
         }
+        run(rootFd);
+        return true;
+    }
+
+    void run(int rootFd)
+    {
         pushFrame(rootFd, {});
         while (!m_stack.empty() && !m_stopped)
             step();
-        return true;
     }
 
 private:
@@ -78,7 +82,12 @@ private:
         m_stack.push_back(Frame{fd, 0, 0, std::move(name), {}, 0});
         ++m_heldDescriptors;
         releaseShallowDescriptors();
-        readFolder(m_stack.back());
+        Frame& frame = m_stack.back();
+        if (m_observer && !m_observer->enterFolder(frame.fd, m_relativeFolder))
+            return;
+        readFolder(frame);
+        if (m_observer && !m_stopped)
+            m_observer->leaveFolder(m_relativeFolder);
     }
 
     // Reads the held descriptor directly with getdents64: no dup, no directory stream, no extra fstat.
@@ -107,10 +116,12 @@ private:
     {
         if (isDotOrDotDot(ent->d_name))
             return true;
-        bool isDirectory = false;
-        if (!entryIsDirectory(frame.fd, ent, isDirectory))
+        unsigned char type = ent->d_type;
+        if (type == DT_UNKNOWN && !resolveType(frame.fd, ent->d_name, type))
             return true;
-        const WalkAction action = m_visit(WalkEntry{frame.fd, ent->d_name, isDirectory, depth, m_relativeFolder});
+        const bool isDirectory = type == DT_DIR;
+        const WalkAction action =
+            m_visit(WalkEntry{frame.fd, ent->d_name, isDirectory, type, depth, m_relativeFolder});
         if (action == WalkAction::Stop) {
             m_stopped = true;
             return false;
@@ -120,18 +131,15 @@ private:
         return true;
     }
 
-    bool entryIsDirectory(int parentFd, const dirent64* ent, bool& isDirectory)
+    // Only for the file systems that leave d_type out: the others never pay for a stat here.
+    bool resolveType(int parentFd, const char* name, unsigned char& type)
     {
-        if (ent->d_type != DT_UNKNOWN) {
-            isDirectory = ent->d_type == DT_DIR;
-            return true;
-        }
         struct stat st {};
-        if (::fstatat(parentFd, ent->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            report("fstatat", ent->d_name, errno);
+        if (::fstatat(parentFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            report("fstatat", name, errno);
             return false;
         }
-        isDirectory = S_ISDIR(st.st_mode);
+        type = IFTODT(st.st_mode);
         return true;
     }
 
@@ -164,7 +172,8 @@ private:
         }
         if (fd >= 0)
             ::close(fd);
-        report("openat", "..", fd < 0 ? errno : ESTALE);
+        // Named after the folder given up, the one whose remaining sub-folders go unvisited.
+        report("openat", {}, fd < 0 ? errno : ESTALE);
         parent.next = parent.subfolders.size();
     }
 
@@ -219,8 +228,7 @@ private:
     const DirectoryWalker::Visitor& m_visit;
     const DirectoryWalker::ErrorHandler& m_onError;
     std::filesystem::path m_root;
-    int m_rootParentFd;
-    int m_rootFlags;
+    DirectoryWalker::FolderObserver* m_observer;
     std::vector<Frame> m_stack;
     std::vector<char> m_buffer = std::vector<char>(64 * 1024);
     std::string m_relativeFolder;
@@ -232,11 +240,17 @@ private:
 
 bool DirectoryWalker::walk(const std::filesystem::path& root, const Visitor& visit, const ErrorHandler& onError)
 {
-    return Walk(visit, onError, root).run();
+    return Walk(visit, onError, root).open(AT_FDCWD, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
 bool DirectoryWalker::walk(int parentFd, const std::filesystem::path& name, const Visitor& visit,
                            const ErrorHandler& onError)
 {
-    return Walk(visit, onError, name, parentFd, kOpenFolderFlags).run();
+    return Walk(visit, onError, name).open(parentFd, kOpenFolderFlags);
+}
+
+void DirectoryWalker::walkOpenFolder(int folderFd, const std::filesystem::path& label, const Visitor& visit,
+                                     const ErrorHandler& onError, FolderObserver* observer)
+{
+    Walk(visit, onError, label, observer).run(folderFd);
 }

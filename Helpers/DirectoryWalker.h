@@ -14,6 +14,7 @@ struct WalkEntry {
     int parentFd;        // open descriptor of the folder that holds the entry
     const char* name;    // the entry's own name: raw bytes, not necessarily UTF-8
     bool isDirectory;    // the entry itself, never a symbolic link's target
+    unsigned char type;  // the entry's d_type (DT_DIR, DT_LNK, DT_REG, ...), never DT_UNKNOWN
     int depth;           // 1 for entries directly inside the root
     // The holding folder's path relative to the root ("" for the root itself, else "a/b"), bytes as
     // they are on disk.
@@ -43,6 +44,17 @@ public:
     using Visitor = std::function<WalkAction(const WalkEntry&)>;
     using ErrorHandler = std::function<void(const FsError&)>;
 
+    // Told about each folder around the reading of its entries, for callers that must act on the open
+    // folder first (a watch placed before the reading sees every entry added after it).
+    class FolderObserver {
+    public:
+        virtual ~FolderObserver() = default;
+        // `fd` is the folder, open and not read yet. False leaves it unread and its sub-folders unvisited.
+        virtual bool enterFolder(int fd, const std::string& relativeFolder) = 0;
+        // Every entry of the folder has been visited; its sub-folders come next.
+        virtual void leaveFolder(const std::string& relativeFolder) = 0;
+    };
+
     static constexpr std::size_t kMaxHeldDescriptors = 128;
 
     // Returns false when the root itself cannot be opened as a folder (the error handler is told why).
@@ -53,4 +65,9 @@ public:
     // to `parentFd`.
     static bool walk(int parentFd, const std::filesystem::path& name, const Visitor& visit,
                      const ErrorHandler& onError = {});
+
+    // Walks the folder already open at `folderFd`, which the walk takes over and closes. Errors name paths
+    // under `label`.
+    static void walkOpenFolder(int folderFd, const std::filesystem::path& label, const Visitor& visit,
+                               const ErrorHandler& onError, FolderObserver* observer);
 };

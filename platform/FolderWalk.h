@@ -1,16 +1,14 @@
 #pragma once
 
-#include <cstddef>
 #include <string>
 
 // Depth-first walk over the folders of a tree for the event streams, which need each folder open, with
 // its path, before its entries are read: a watch placed then sees every entry added after the reading.
 //
 // - Paths are raw bytes. Only folders get a path; entries get their name and their d_type.
-// - Below the root no symbolic link is ever followed, and sub-folders are opened relative to their
-//   parent's descriptor, so trees deeper than PATH_MAX are walked.
-// - The walk keeps its own stack. At most kMaxHeldDescriptors folders stay open; shallower ones are
-//   closed and come back through "..", checked by device and inode.
+// - The walking itself is DirectoryWalker's: below the root no symbolic link is followed, trees deeper
+//   than PATH_MAX are walked, and few descriptors are held. This adds full paths, a choice about a link at
+//   the root, and roots longer than PATH_MAX.
 class FolderWalk {
 public:
     class Visitor {
@@ -25,8 +23,6 @@ public:
         // A folder that could not be opened or read to the end.
         virtual void folderFailed(const std::string& path, int error) = 0;
     };
-
-    static constexpr std::size_t kMaxHeldDescriptors = 64;
 
     // A link at `root` itself is followed only when `followRootLink` says so. False when the root cannot
     // be opened as a folder (the visitor has been told why).

@@ -3,10 +3,13 @@
 #include "support/TreeBuilder.h"
 
 #include <cerrno>
+#include <dirent.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <set>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -170,6 +173,58 @@ TEST_F(DirectoryWalkerTest, DeepBranchingTreesKeepFewDescriptorsOpenAndMissNothi
     EXPECT_EQ(seenFiles, files);
     EXPECT_TRUE(errors.empty());
     EXPECT_LT(maxDescriptor, static_cast<int>(DirectoryWalker::kMaxHeldDescriptors) + 32);
+}
+
+// Records the order of events around each folder; refuses to enter the folders named "closed".
+class FolderLog : public DirectoryWalker::FolderObserver {
+public:
+    bool enterFolder(int fd, const std::string& relativeFolder) override
+    {
+        struct stat status {};
+        events.push_back("enter " + relativeFolder + (::fstat(fd, &status) == 0 ? "" : " (bad fd)"));
+        return relativeFolder.find("closed") == std::string::npos;
+    }
+    void leaveFolder(const std::string& relativeFolder) override { events.push_back("leave " + relativeFolder); }
+
+    std::vector<std::string> events;
+};
+
+TEST_F(DirectoryWalkerTest, AnObservedFolderIsEnteredBeforeItsEntriesAndLeftAfterThem)
+{
+    writeFile(root() / "open" / "file", "x");
+    writeFile(root() / "closed" / "hidden-by-refusal" / "deeper", "x");
+    makeSymlink("file", root() / "open" / "link");
+    FolderLog log;
+    std::vector<std::string> entries;
+    const int rootFd = ::open(root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(rootFd, 0);
+
+    DirectoryWalker::walkOpenFolder(
+        rootFd, root(),
+        [&](const WalkEntry& entry) {
+            const char kind = entry.type == DT_DIR ? 'd' : entry.type == DT_LNK ? 'l' : entry.type == DT_REG ? 'f' : '?';
+            log.events.push_back(std::string("entry ") + kind + " " + entry.relativePath().string());
+            return WalkAction::Continue;
+        },
+        [&](const FsError& error) { errors.push_back(error); }, &log);
+
+    // The root's two entries come in directory order; everything else is fixed by the walk.
+    ASSERT_EQ(log.events.size(), 9u);
+    EXPECT_EQ(log.events[0], "enter ");
+    EXPECT_THAT(std::vector<std::string>(log.events.begin() + 1, log.events.begin() + 3),
+                UnorderedElementsAre("entry d open", "entry d closed"));
+    EXPECT_EQ(log.events[3], "leave ");
+    const auto openAt = std::find(log.events.begin(), log.events.end(), "enter open");
+    ASSERT_NE(openAt, log.events.end());
+    EXPECT_THAT(std::vector<std::string>(openAt + 1, openAt + 3),
+                UnorderedElementsAre("entry f open/file", "entry l open/link"));
+    EXPECT_EQ(*(openAt + 3), "leave open");
+    EXPECT_NE(std::find(log.events.begin(), log.events.end(), "enter closed"), log.events.end());
+    EXPECT_EQ(std::count_if(log.events.begin(), log.events.end(),
+                            [](const std::string& event) { return event.find("hidden-by-refusal") != std::string::npos; }),
+              0);
+    EXPECT_EQ(std::find(log.events.begin(), log.events.end(), "leave closed"), log.events.end());
+    EXPECT_TRUE(errors.empty());
 }
 
 } // namespace
