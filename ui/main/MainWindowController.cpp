@@ -497,6 +497,16 @@ void MainWindowController::startCountingPass(const QDateTime& start)
     });
 }
 
+// Both operations ask the iCloud folder's own volume, whichever volume they write to. Equal passes, and
+// so does a query that fails: not knowing is no reason to refuse.
+bool MainWindowController::iCloudVolumeHasRoomFor(std::uint64_t size) const
+{
+    FsError error;
+    const std::int64_t free = CocoaAdditions::determineFreeSpaceOnDeviceByPath(
+        QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(), &error);
+    return error.code != 0 || static_cast<std::uint64_t>(free) >= size;
+}
+
 void MainWindowController::checkSpaceAndCreateFolder(const QDateTime& start, std::uint64_t size, std::int32_t count)
 {
     m_totalSizeOfItemsToCopy = size;
@@ -505,11 +515,7 @@ void MainWindowController::checkSpaceAndCreateFolder(const QDateTime& start, std
         endBackUpEarly();
         return;
     }
-    // The source volume's free space, as required; a failed query passes the check.
-    FsError error;
-    const std::int64_t free =
-        CocoaAdditions::determineFreeSpaceOnDeviceByPath(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(), &error);
-    if (error.code == 0 && static_cast<std::uint64_t>(free) < m_totalSizeOfItemsToCopy) {
+    if (!iCloudVolumeHasRoomFor(m_totalSizeOfItemsToCopy)) {
         m_operationProgressWindow->hide();
         setCopyButtonsEnabled(true);
         runNotEnoughDiskSpaceAlert();
@@ -697,10 +703,7 @@ void MainWindowController::checkSpaceForRestore(std::uint64_t size, std::int32_t
         endRestore();
         return;
     }
-    FsError error;
-    const std::int64_t free =
-        CocoaAdditions::determineFreeSpaceOnDeviceByPath(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(), &error);
-    if (error.code == 0 && static_cast<std::uint64_t>(free) < m_totalSizeOfItemsToCopy) {
+    if (!iCloudVolumeHasRoomFor(m_totalSizeOfItemsToCopy)) {
         m_operationProgressWindow->hide();
         setCopyButtonsEnabled(true);
         runNotEnoughDiskSpaceAlert(); // no backup runs, so it names the restore

@@ -193,6 +193,7 @@ private:
     void centerProgressWindow(const QWidget* over);
     void setCopyButtonsEnabled(bool enabled);
     void startCountingPass(const QDateTime& start);
+    bool iCloudVolumeHasRoomFor(std::uint64_t size) const;
     void checkSpaceAndCreateFolder(const QDateTime& start, std::uint64_t size, std::int32_t count);
     void startCopyStep(const QDateTime& start);
     void progressUpdate(const std::filesystem::path& copiedSource);
