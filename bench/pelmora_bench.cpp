@@ -11,6 +11,7 @@
 #include "platform/QtFolderChooser.h"
 #include "platform/UserDefaults.h"
 #include "ui/main/MainWindowController.h"
+#include "ui/main/ProgressRelay.h"
 
 #include <QApplication>
 #include <QDir>
@@ -180,8 +181,8 @@ int uiLatency(int argc, char* argv[])
     return 0;
 }
 
-// Copies SRC into DST the way a backup runs: the walk on a worker thread, and for every copied file one
-// event posted to the main thread's event loop, which looks the file up and adds its size to the total.
+// Copies SRC into DST the way a backup runs: the walk on a worker thread, its progress handed to the main
+// thread's event loop through the window's relay, where each copied file is looked up and its size added.
 int copy(int argc, char* argv[])
 {
     QCoreApplication application(argc, argv);
@@ -191,21 +192,26 @@ int copy(int argc, char* argv[])
     std::uint64_t copiedFiles = 0;
     std::uint64_t copiedBytes = 0;
     bool finished = false;
+    std::shared_ptr<ProgressRelay> progress = ProgressRelay::create(
+        &application,
+        [&](const std::filesystem::path& copiedSource) {
+            struct stat status {};
+            if (::lstat(copiedSource.c_str(), &status) == 0)
+                copiedBytes += static_cast<std::uint64_t>(status.st_size);
+            ++copiedFiles;
+        });
     std::thread worker([&] {
         finished = DirectoryCopier::copyDirectoryAtPath(
-            source, destination, cancelRequested, [&](const std::filesystem::path& copiedSource) {
-                QMetaObject::invokeMethod(
-                    &application,
-                    [&, copiedSource] {
-                        struct stat status {};
-                        if (::lstat(copiedSource.c_str(), &status) == 0)
-                            copiedBytes += static_cast<std::uint64_t>(status.st_size);
-                        ++copiedFiles;
-                    },
-                    Qt::QueuedConnection);
-            });
-        // Queued behind every progress event, so the main thread has counted them all when it quits.
-        QMetaObject::invokeMethod(&application, &QCoreApplication::quit, Qt::QueuedConnection);
+            source, destination, cancelRequested,
+            [&](const std::filesystem::path& copiedSource) { progress->post(copiedSource); });
+        // Queued behind the copy's own posts; the updates still waiting are applied before quitting.
+        QMetaObject::invokeMethod(
+            &application,
+            [&] {
+                progress->flush();
+                QCoreApplication::quit();
+            },
+            Qt::QueuedConnection);
     });
     QCoreApplication::exec();
     worker.join();

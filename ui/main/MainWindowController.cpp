@@ -21,6 +21,7 @@
 #include "ui/main/BackupAlerts.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 #include "ui/main/BackupsTableModel.h"
+#include "ui/main/ProgressRelay.h"
 #include "ui_MainWindowController.h"
 #include "ui_OperationProgressWindow.h"
 
@@ -553,21 +554,16 @@ void MainWindowController::startCopy(const std::filesystem::path& source, const 
     QPointer<MainWindowController> controller(this);
     std::shared_ptr<std::atomic<bool>> cancelRequested = m_cancelCopyRequested;
     auto copier = m_services.copier ? m_services.copier : &DirectoryCopier::copyDirectoryAtPath;
-    QThreadPool::globalInstance()->start([copier, source, destination, cancelRequested, controller, finish] {
-        const bool copied = copier(
-            source, destination, *cancelRequested, [controller](const std::filesystem::path& copiedSource) {
-                QMetaObject::invokeMethod(
-                    qApp,
-                    [controller, copiedSource] {
-                        if (controller)
-                            controller->progressUpdate(copiedSource);
-                    },
-                    Qt::QueuedConnection);
-            });
-        // Posted after every progress update of this copy, so the main thread runs them all first.
+    std::shared_ptr<ProgressRelay> progress = ProgressRelay::create(
+        this, [this](const std::filesystem::path& copiedSource) { progressUpdate(copiedSource); });
+    QThreadPool::globalInstance()->start([copier, source, destination, cancelRequested, controller, finish, progress] {
+        const bool copied = copier(source, destination, *cancelRequested,
+                                   [&progress](const std::filesystem::path& copiedSource) { progress->post(copiedSource); });
+        // Posted after every progress update of this copy; the updates still waiting are applied first.
         QMetaObject::invokeMethod(
             qApp,
-            [controller, finish, copied] {
+            [controller, finish, copied, progress] {
+                progress->flush();
                 if (controller)
                     finish(*controller, copied);
             },
