@@ -181,6 +181,23 @@ int uiLatency(int argc, char* argv[])
     return 0;
 }
 
+// What the progress window adds up during a copy: each copied file, handed over through the window's
+// relay, is looked up on the main thread and its size added.
+struct CopiedTally {
+    std::uint64_t files = 0;
+    std::uint64_t bytes = 0;
+
+    std::shared_ptr<ProgressRelay> relay(QObject* context)
+    {
+        return ProgressRelay::create(context, [this](const std::filesystem::path& copiedSource) {
+            struct stat status {};
+            if (::lstat(copiedSource.c_str(), &status) == 0)
+                bytes += static_cast<std::uint64_t>(status.st_size);
+            ++files;
+        });
+    }
+};
+
 // Copies SRC into DST the way a backup runs: the walk on a worker thread, its progress handed to the main
 // thread's event loop through the window's relay, where each copied file is looked up and its size added.
 int copy(int argc, char* argv[])
@@ -189,17 +206,9 @@ int copy(int argc, char* argv[])
     const std::filesystem::path source(argv[2]);
     const std::filesystem::path destination(argv[3]);
     std::atomic<bool> cancelRequested{false};
-    std::uint64_t copiedFiles = 0;
-    std::uint64_t copiedBytes = 0;
+    CopiedTally tally;
     bool finished = false;
-    std::shared_ptr<ProgressRelay> progress = ProgressRelay::create(
-        &application,
-        [&](const std::filesystem::path& copiedSource) {
-            struct stat status {};
-            if (::lstat(copiedSource.c_str(), &status) == 0)
-                copiedBytes += static_cast<std::uint64_t>(status.st_size);
-            ++copiedFiles;
-        });
+    std::shared_ptr<ProgressRelay> progress = tally.relay(&application);
     std::thread worker([&] {
         finished = DirectoryCopier::copyDirectoryAtPath(
             source, destination, cancelRequested,
@@ -215,15 +224,15 @@ int copy(int argc, char* argv[])
     });
     QCoreApplication::exec();
     worker.join();
-    std::printf("copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(copiedFiles),
-                static_cast<unsigned long long>(copiedBytes), finished ? "true" : "false");
+    std::printf("copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(tally.files),
+                static_cast<unsigned long long>(tally.bytes), finished ? "true" : "false");
     reportPeakMemory();
     return 0;
 }
 
 // Makes LIVE match BACKUP the way a restore runs, without its window: the pruning and the count on one
 // worker thread, their figures handed to the main thread's event loop, which starts the copy back on
-// another worker; that one posts an event per copied file, looked up and added up on the main thread.
+// another worker, whose progress is added up on the main thread as the window does it.
 // The count goes to stderr, so that a caller can hold it against what was copied.
 int restore(int argc, char* argv[])
 {
@@ -232,8 +241,8 @@ int restore(int argc, char* argv[])
     const std::filesystem::path backup(argv[3]);
     std::atomic<bool> canceled{false};
     RestoreTotals totals;
-    std::uint64_t copiedFiles = 0;
-    std::uint64_t copiedBytes = 0;
+    CopiedTally tally;
+    std::shared_ptr<ProgressRelay> progress = tally.relay(&application);
     bool finished = false;
     std::thread copying;
     using Clock = std::chrono::steady_clock;
@@ -241,20 +250,16 @@ int restore(int argc, char* argv[])
     Clock::time_point pruned, counted, copied;
     auto copyBack = [&] {
         finished = DirectoryCopier::copyDirectoryAtPath(
-            backup, live, canceled, [&](const std::filesystem::path& copiedSource) {
-                QMetaObject::invokeMethod(
-                    &application,
-                    [&, copiedSource] {
-                        struct stat status {};
-                        if (::lstat(copiedSource.c_str(), &status) == 0)
-                            copiedBytes += static_cast<std::uint64_t>(status.st_size);
-                        ++copiedFiles;
-                    },
-                    Qt::QueuedConnection);
-            });
+            backup, live, canceled, [&](const std::filesystem::path& copiedSource) { progress->post(copiedSource); });
         copied = Clock::now();
-        // Queued behind every progress event, so the main thread has counted them all when it quits.
-        QMetaObject::invokeMethod(&application, &QCoreApplication::quit, Qt::QueuedConnection);
+        // Queued behind the copy's own posts; the updates still waiting are applied before quitting.
+        QMetaObject::invokeMethod(
+            &application,
+            [&] {
+                progress->flush();
+                QCoreApplication::quit();
+            },
+            Qt::QueuedConnection);
     };
     std::thread preparing([&] {
         RestorePreparation::pruneLiveFolder(live, backup, canceled);
@@ -272,8 +277,8 @@ int restore(int argc, char* argv[])
     QCoreApplication::exec();
     preparing.join();
     copying.join();
-    std::printf("pruned_then_copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(copiedFiles),
-                static_cast<unsigned long long>(copiedBytes), finished ? "true" : "false");
+    std::printf("pruned_then_copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(tally.files),
+                static_cast<unsigned long long>(tally.bytes), finished ? "true" : "false");
     std::fprintf(stderr, "to_copy=%d to_copy_bytes=%llu\n", totals.totalCount,
                  static_cast<unsigned long long>(totals.totalSize));
     const auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
