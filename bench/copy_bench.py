@@ -21,8 +21,9 @@ without a journal, which will not reuse the inodes of files deleted in the last 
 many files right after deleting many is slow for that long. So the copies of the many-file tree are kept
 until the round is over, when they are deleted and the script waits --settle seconds before going on.
 
-pelmora-bench copy runs the copier as the program does: on a worker thread, posting one event per copied
-file to a Qt event loop on the main thread, which looks the file up and adds its size.
+pelmora-bench copy runs the copier as the program does: on a worker thread, handing an update for every
+copied file, through the window's progress relay, to a Qt event loop on the main thread, which looks the
+file up and adds its size.
 
 What the copy holds is checked with tools of its own: rsync -anc --itemize-changes (content by checksum,
 permissions, times to the second, link targets) must list nothing but the ".DS_Store" items the copier

@@ -12,7 +12,7 @@ the same way. Two cases are timed, each over several rounds:
              in both live folders, identically; the restore has to put the backup's files back.
 
 Each round runs `pelmora-bench restore LIVE BACKUP` (the pruning and the count, then the copy back with
-one main-loop event per copied file, as the program runs them) and `rsync -a --delete BACKUP/ LIVE2/`,
+its progress added up on the main loop, as the program runs them) and `rsync -a --delete BACKUP/ LIVE2/`,
 the same job done on the other folder. The machines are shared and small, so what counts is the median
 of the per-round ratio (pelmora / rsync); whichever program goes first changes every round.
 
