@@ -1,6 +1,7 @@
 #include "DirectoryUtility.h"
 
 #include "DirectoryWalker.h"
+#include "ParallelWalk.h"
 #include "platform/PasswordDatabase.h"
 
 #include <cstdio>
@@ -17,6 +18,29 @@ bool isFinderClutter(const char* name)
 {
     return std::strcmp(name, ".DS_Store") == 0;
 }
+
+// The sums of one part of a tree: each thread of a walk adds up its own and hands them over once.
+struct PartialMeasure {
+    const std::atomic<bool>* stopCounting = nullptr;
+    std::uint64_t size = 0;
+    std::uint32_t count = 0; // unsigned so that the wrap is defined
+
+    WalkAction visit(const WalkEntry& entry)
+    {
+        if (stopCounting && stopCounting->load(std::memory_order_relaxed))
+            return WalkAction::Continue;
+        // A ".DS_Store" folder is itself skipped but still walked into, as the deep walk does.
+        if (entry.isDirectory || isFinderClutter(entry.name) ||
+            DirectoryUtility::isAliasFile(entry.parentFd, entry.name))
+            return WalkAction::Continue;
+        struct stat st {};
+        if (::fstatat(entry.parentFd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+            return WalkAction::Continue; // vanished since it was listed: not counted
+        size += static_cast<std::uint64_t>(st.st_size);
+        ++count;
+        return WalkAction::Continue;
+    }
+};
 
 [[noreturn]] void failAssertion(const char* expression, const char* operation, const char* file, int line)
 {
@@ -36,22 +60,22 @@ FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::pa
 FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::path& path,
                                                        const std::atomic<bool>* stopCounting)
 {
-    std::uint64_t totalSize = 0;
-    std::uint32_t filesCount = 0; // unsigned so that the wrap is defined
-    DirectoryWalker::walk(path, [&](const WalkEntry& entry) {
-        if (stopCounting && stopCounting->load(std::memory_order_relaxed))
-            return WalkAction::Continue;
-        // A ".DS_Store" folder is itself skipped but still walked into, as the deep walk does.
-        if (entry.isDirectory || isFinderClutter(entry.name) || isAliasFile(entry.parentFd, entry.name))
-            return WalkAction::Continue;
-        struct stat st {};
-        if (::fstatat(entry.parentFd, entry.name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-            return WalkAction::Continue; // vanished since it was listed: not counted
-        totalSize += static_cast<std::uint64_t>(st.st_size);
-        ++filesCount;
-        return WalkAction::Continue;
-    });
-    return FolderMeasure{totalSize, static_cast<std::int32_t>(filesCount)};
+    std::atomic<std::uint64_t> totalSize{0};
+    std::atomic<std::uint32_t> filesCount{0};
+    auto add = [&](const PartialMeasure& part) {
+        totalSize += part.size;
+        filesCount += part.count;
+    };
+    PartialMeasure rootEntries{stopCounting};
+    ParallelWalk::walk(
+        path, [&](const WalkEntry& entry) { return rootEntries.visit(entry); },
+        [&](int rootFd, const std::string& name) {
+            PartialMeasure folder{stopCounting};
+            DirectoryWalker::walk(rootFd, name, [&](const WalkEntry& entry) { return folder.visit(entry); });
+            add(folder);
+        });
+    add(rootEntries);
+    return FolderMeasure{totalSize.load(), static_cast<std::int32_t>(filesCount.load())};
 }
 
 std::string DirectoryUtility::realHomeDirectory(const PasswordDatabase& passwords)

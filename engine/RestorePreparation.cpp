@@ -5,6 +5,7 @@
 #include "Helpers/FileDescriptor.h"
 #include "Helpers/FolderNames.h"
 #include "Helpers/ItemRemover.h"
+#include "Helpers/ParallelWalk.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,8 +14,6 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
-#include <system_error>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -182,52 +181,6 @@ int openSubfolder(int rootFd, const std::string& name)
     return rootFd < 0 ? -1 : ::openat(rootFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
-unsigned workerCount()
-{
-    return std::clamp(std::thread::hardware_concurrency(), 1U, 4U);
-}
-
-// The top-level folders are the containers of the cloud-documents folder, independent of one another, and
-// a pass spends its time in the kernel's work per entry: walking them on several threads uses every core.
-// The calling thread is one of the workers; a thread that cannot be started leaves its share to the others.
-void forEachInParallel(const std::vector<std::string>& names, const std::function<void(const std::string&)>& work)
-{
-    std::atomic<std::size_t> next{0};
-    auto worker = [&] {
-        for (std::size_t i = next.fetch_add(1); i < names.size(); i = next.fetch_add(1))
-            work(names[i]);
-    };
-    const std::size_t helpers = std::min<std::size_t>(workerCount() - 1, names.size() / 2);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < helpers; ++i) {
-        try {
-            threads.emplace_back(worker);
-        } catch (const std::system_error&) {
-            break;
-        }
-    }
-    worker();
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
-// Walks `root` with `visit`, but hands each of its folders that the visitor lets the walk enter to
-// `subtree` instead of entering it, all at once in parallel once the root's own entries are done.
-void walkSplitAtTopLevel(const std::filesystem::path& root, CounterpartFolder& counterpart,
-                         const std::function<WalkAction(const WalkEntry&, CounterpartFolder&)>& visit,
-                         const std::function<void(const std::string&)>& subtree)
-{
-    std::vector<std::string> folders;
-    DirectoryWalker::walk(root, [&](const WalkEntry& entry) {
-        const WalkAction action = visit(entry, counterpart);
-        if (action != WalkAction::Continue || !entry.isDirectory)
-            return action;
-        folders.emplace_back(entry.name);
-        return WalkAction::SkipDescendants;
-    });
-    forEachInParallel(folders, subtree);
-}
-
 } // namespace
 
 void RestorePreparation::pruneLiveFolder(const std::filesystem::path& live, const std::filesystem::path& backup,
@@ -240,16 +193,17 @@ void RestorePreparation::pruneLiveFolder(const std::filesystem::path& live, cons
             return WalkAction::SkipDescendants; // hidden: neither touched nor entered
         return pruneEntry(entry, backupFolder);
     };
-    const FileDescriptor liveRoot(openRoot(live));
     const FileDescriptor backupRoot(openRoot(backup));
     CounterpartFolder backupFolder(::dup(backupRoot.get()));
-    walkSplitAtTopLevel(live, backupFolder, visit, [&](const std::string& name) {
-        if (canceled.load())
-            return;
-        CounterpartFolder backupSubfolder(openSubfolder(backupRoot.get(), name));
-        DirectoryWalker::walk(liveRoot.get(), name,
-                              [&](const WalkEntry& entry) { return visit(entry, backupSubfolder); });
-    });
+    ParallelWalk::walk(
+        live, [&](const WalkEntry& entry) { return visit(entry, backupFolder); },
+        [&](int liveRootFd, const std::string& name) {
+            if (canceled.load())
+                return;
+            CounterpartFolder backupSubfolder(openSubfolder(backupRoot.get(), name));
+            DirectoryWalker::walk(liveRootFd, name,
+                                  [&](const WalkEntry& entry) { return visit(entry, backupSubfolder); });
+        });
 }
 
 RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path& backup,
@@ -264,15 +218,16 @@ RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path
             countEntry(entry, liveFolder, tally);
         return WalkAction::Continue;
     };
-    const FileDescriptor backupRoot(openRoot(backup));
     const FileDescriptor liveRoot(openRoot(live));
     CounterpartFolder liveFolder(::dup(liveRoot.get()));
-    walkSplitAtTopLevel(backup, liveFolder, visit, [&](const std::string& name) {
-        if (canceled.load())
-            return;
-        CounterpartFolder liveSubfolder(openSubfolder(liveRoot.get(), name));
-        DirectoryWalker::walk(backupRoot.get(), name,
-                              [&](const WalkEntry& entry) { return visit(entry, liveSubfolder); });
-    });
+    ParallelWalk::walk(
+        backup, [&](const WalkEntry& entry) { return visit(entry, liveFolder); },
+        [&](int backupRootFd, const std::string& name) {
+            if (canceled.load())
+                return;
+            CounterpartFolder liveSubfolder(openSubfolder(liveRoot.get(), name));
+            DirectoryWalker::walk(backupRootFd, name,
+                                  [&](const WalkEntry& entry) { return visit(entry, liveSubfolder); });
+        });
     return RestoreTotals{tally.size.load(), static_cast<std::int32_t>(tally.count.load())};
 }

@@ -1,0 +1,85 @@
+#include "Helpers/ParallelWalk.h"
+#include "support/TestHome.h"
+#include "support/TreeBuilder.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace fs = std::filesystem;
+using namespace TreeBuilder;
+using ::testing::UnorderedElementsAre;
+
+namespace {
+
+class ParallelWalkTest : public ::testing::Test {
+protected:
+    fs::path root() const { return home.path() / "root"; }
+
+    // Every entry as its path relative to the root, "/" added to folders; each subtree as it is handed over.
+    bool walkAll(const fs::path& start)
+    {
+        return ParallelWalk::walk(
+            start,
+            [&](const WalkEntry& entry) {
+                record(entry.relativePath().string() + (entry.isDirectory ? "/" : ""));
+                return std::string(entry.name) == "skipped" ? WalkAction::SkipDescendants : WalkAction::Continue;
+            },
+            [&](int rootFd, const std::string& name) {
+                record("subtree " + name);
+                DirectoryWalker::walk(rootFd, name, [&](const WalkEntry& entry) {
+                    record(name + "/" + entry.relativePath().string() + (entry.isDirectory ? "/" : ""));
+                    return WalkAction::Continue;
+                });
+            });
+    }
+
+    void record(const std::string& entry)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        seen.insert(entry);
+    }
+
+    TestHome home;
+    std::mutex mutex;
+    std::multiset<std::string> seen;
+};
+
+TEST_F(ParallelWalkTest, EachTopLevelFolderIsWalkedOnceAndEveryEntryIsSeenOnce)
+{
+    writeFile(root() / "top-file", "x");
+    writeFile(root() / "skipped" / "never", "x");
+    writeFile(home.path() / "outside" / "secret", "x");
+    makeSymlink((home.path() / "outside").string(), root() / "link-to-folder");
+    std::multiset<std::string> expected{"top-file", "skipped/", "link-to-folder"};
+    for (int i = 0; i < 12; ++i) {
+        const std::string name = "container-" + std::to_string(i);
+        writeFile(root() / name / "inner" / "file", "x");
+        expected.insert({name + "/", "subtree " + name, name + "/inner/", name + "/inner/file"});
+    }
+
+    EXPECT_TRUE(walkAll(root()));
+
+    EXPECT_EQ(seen, expected);
+}
+
+TEST_F(ParallelWalkTest, ALinkNamedAsTheRootIsFollowed)
+{
+    writeFile(root() / "container" / "file", "x");
+    makeSymlink(root().string(), home.path() / "alias-of-root");
+
+    EXPECT_TRUE(walkAll(home.path() / "alias-of-root"));
+    EXPECT_THAT(seen, UnorderedElementsAre("container/", "subtree container", "container/file"));
+}
+
+TEST_F(ParallelWalkTest, ARootThatCannotBeOpenedWalksNothing)
+{
+    writeFile(home.path() / "a-file", "x");
+    EXPECT_FALSE(walkAll(root()));
+    EXPECT_FALSE(walkAll(home.path() / "a-file"));
+    EXPECT_TRUE(seen.empty());
+}
+
+} // namespace
