@@ -29,13 +29,18 @@ TEST(BookmarkTest, FailsWhenTheFolderIsGoneOrReplaced)
     fs::remove(folder);
     EXPECT_FALSE(Bookmark::resolve(data).has_value());
 
-    TreeBuilder::makeFolder(home.path() / "placeholder"); // keeps the old inode number from coming back
-    TreeBuilder::makeFolder(folder);
-    EXPECT_FALSE(Bookmark::resolve(data).has_value()) << "a new folder under the old name is another folder";
+    // Replaced: the first folder is only moved aside, so that its inode number stays taken and cannot be
+    // handed to the new folder made under its name.
+    const fs::path other = home.path() / "other";
+    TreeBuilder::makeFolder(other);
+    const std::string otherData = Bookmark::create(other).value();
+    fs::rename(other, home.path() / "moved-aside");
+    TreeBuilder::makeFolder(other);
+    EXPECT_FALSE(Bookmark::resolve(otherData).has_value()) << "a new folder under the old name is another folder";
 
-    TreeBuilder::removeTree(folder);
-    TreeBuilder::writeFile(folder, "now a file");
-    EXPECT_FALSE(Bookmark::resolve(data).has_value());
+    TreeBuilder::removeTree(other);
+    TreeBuilder::writeFile(other, "now a file");
+    EXPECT_FALSE(Bookmark::resolve(otherData).has_value());
 }
 
 TEST(BookmarkTest, RejectsDataItDidNotMake)
