@@ -181,21 +181,41 @@ int uiLatency(int argc, char* argv[])
     return 0;
 }
 
-// What the progress window adds up during a copy: each copied file, handed over through the window's
-// relay, is looked up on the main thread and its size added.
-struct CopiedTally {
-    std::uint64_t files = 0;
-    std::uint64_t bytes = 0;
-
-    std::shared_ptr<ProgressRelay> relay(QObject* context)
-    {
-        return ProgressRelay::create(context, [this](const std::filesystem::path& copiedSource) {
+// A copy run as the window runs it: the copier on a worker thread, the update for each copied file
+// handed through the window's relay to the main thread, where the file is looked up and its size added.
+class WindowedCopy {
+public:
+    explicit WindowedCopy(QObject* context)
+        : m_progress(ProgressRelay::create(context, [this](const std::filesystem::path& copiedSource) {
             struct stat status {};
             if (::lstat(copiedSource.c_str(), &status) == 0)
                 bytes += static_cast<std::uint64_t>(status.st_size);
             ++files;
-        });
+        }))
+    {
     }
+
+    // On a worker thread. The main thread then applies the updates still waiting and leaves its loop.
+    bool runThenQuit(const std::filesystem::path& source, const std::filesystem::path& destination,
+                     const std::atomic<bool>& cancel)
+    {
+        const bool finished = DirectoryCopier::copyDirectoryAtPath(
+            source, destination, cancel, [this](const std::filesystem::path& copiedSource) { m_progress->post(copiedSource); });
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [this] {
+                m_progress->flush();
+                QCoreApplication::quit();
+            },
+            Qt::QueuedConnection);
+        return finished;
+    }
+
+    std::uint64_t files = 0;
+    std::uint64_t bytes = 0;
+
+private:
+    std::shared_ptr<ProgressRelay> m_progress;
 };
 
 // Copies SRC into DST the way a backup runs: the walk on a worker thread, its progress handed to the main
@@ -206,26 +226,13 @@ int copy(int argc, char* argv[])
     const std::filesystem::path source(argv[2]);
     const std::filesystem::path destination(argv[3]);
     std::atomic<bool> cancelRequested{false};
-    CopiedTally tally;
+    WindowedCopy copying(&application);
     bool finished = false;
-    std::shared_ptr<ProgressRelay> progress = tally.relay(&application);
-    std::thread worker([&] {
-        finished = DirectoryCopier::copyDirectoryAtPath(
-            source, destination, cancelRequested,
-            [&](const std::filesystem::path& copiedSource) { progress->post(copiedSource); });
-        // Queued behind the copy's own posts; the updates still waiting are applied before quitting.
-        QMetaObject::invokeMethod(
-            &application,
-            [&] {
-                progress->flush();
-                QCoreApplication::quit();
-            },
-            Qt::QueuedConnection);
-    });
+    std::thread worker([&] { finished = copying.runThenQuit(source, destination, cancelRequested); });
     QCoreApplication::exec();
     worker.join();
-    std::printf("copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(tally.files),
-                static_cast<unsigned long long>(tally.bytes), finished ? "true" : "false");
+    std::printf("copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(copying.files),
+                static_cast<unsigned long long>(copying.bytes), finished ? "true" : "false");
     reportPeakMemory();
     return 0;
 }
@@ -241,26 +248,12 @@ int restore(int argc, char* argv[])
     const std::filesystem::path backup(argv[3]);
     std::atomic<bool> canceled{false};
     RestoreTotals totals;
-    CopiedTally tally;
-    std::shared_ptr<ProgressRelay> progress = tally.relay(&application);
+    WindowedCopy copyBack(&application);
     bool finished = false;
     std::thread copying;
     using Clock = std::chrono::steady_clock;
     const Clock::time_point started = Clock::now();
     Clock::time_point pruned, counted, copied;
-    auto copyBack = [&] {
-        finished = DirectoryCopier::copyDirectoryAtPath(
-            backup, live, canceled, [&](const std::filesystem::path& copiedSource) { progress->post(copiedSource); });
-        copied = Clock::now();
-        // Queued behind the copy's own posts; the updates still waiting are applied before quitting.
-        QMetaObject::invokeMethod(
-            &application,
-            [&] {
-                progress->flush();
-                QCoreApplication::quit();
-            },
-            Qt::QueuedConnection);
-    };
     std::thread preparing([&] {
         RestorePreparation::pruneLiveFolder(live, backup, canceled);
         pruned = Clock::now();
@@ -270,15 +263,18 @@ int restore(int argc, char* argv[])
             &application,
             [&, measured] {
                 totals = measured;
-                copying = std::thread(copyBack);
+                copying = std::thread([&] {
+                    finished = copyBack.runThenQuit(backup, live, canceled);
+                    copied = Clock::now();
+                });
             },
             Qt::QueuedConnection);
     });
     QCoreApplication::exec();
     preparing.join();
     copying.join();
-    std::printf("pruned_then_copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(tally.files),
-                static_cast<unsigned long long>(tally.bytes), finished ? "true" : "false");
+    std::printf("pruned_then_copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(copyBack.files),
+                static_cast<unsigned long long>(copyBack.bytes), finished ? "true" : "false");
     std::fprintf(stderr, "to_copy=%d to_copy_bytes=%llu\n", totals.totalCount,
                  static_cast<unsigned long long>(totals.totalSize));
     const auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
