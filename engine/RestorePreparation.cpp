@@ -181,6 +181,24 @@ int openSubfolder(int rootFd, const std::string& name)
     return rootFd < 0 ? -1 : ::openat(rootFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
+// Walks `root` on every core with `visit`, which gets, with each entry, the folder at the same place in
+// `other` (which may be missing). Top-level folders are not entered once the user has cancelled.
+void walkAlongside(const std::filesystem::path& root, const std::filesystem::path& other,
+                   const std::atomic<bool>& canceled,
+                   const std::function<WalkAction(const WalkEntry&, CounterpartFolder&)>& visit)
+{
+    const FileDescriptor otherRoot(openRoot(other));
+    CounterpartFolder otherFolder(::dup(otherRoot.get()));
+    ParallelWalk::walk(
+        root, [&](const WalkEntry& entry) { return visit(entry, otherFolder); },
+        [&](int rootFd, const std::string& name) {
+            if (canceled.load())
+                return;
+            CounterpartFolder otherSubfolder(openSubfolder(otherRoot.get(), name));
+            DirectoryWalker::walk(rootFd, name, [&](const WalkEntry& entry) { return visit(entry, otherSubfolder); });
+        });
+}
+
 } // namespace
 
 void RestorePreparation::pruneLiveFolder(const std::filesystem::path& live, const std::filesystem::path& backup,
@@ -193,17 +211,7 @@ void RestorePreparation::pruneLiveFolder(const std::filesystem::path& live, cons
             return WalkAction::SkipDescendants; // hidden: neither touched nor entered
         return pruneEntry(entry, backupFolder);
     };
-    const FileDescriptor backupRoot(openRoot(backup));
-    CounterpartFolder backupFolder(::dup(backupRoot.get()));
-    ParallelWalk::walk(
-        live, [&](const WalkEntry& entry) { return visit(entry, backupFolder); },
-        [&](int liveRootFd, const std::string& name) {
-            if (canceled.load())
-                return;
-            CounterpartFolder backupSubfolder(openSubfolder(backupRoot.get(), name));
-            DirectoryWalker::walk(liveRootFd, name,
-                                  [&](const WalkEntry& entry) { return visit(entry, backupSubfolder); });
-        });
+    walkAlongside(live, backup, canceled, visit);
 }
 
 RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path& backup,
@@ -218,16 +226,6 @@ RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path
             countEntry(entry, liveFolder, tally);
         return WalkAction::Continue;
     };
-    const FileDescriptor liveRoot(openRoot(live));
-    CounterpartFolder liveFolder(::dup(liveRoot.get()));
-    ParallelWalk::walk(
-        backup, [&](const WalkEntry& entry) { return visit(entry, liveFolder); },
-        [&](int backupRootFd, const std::string& name) {
-            if (canceled.load())
-                return;
-            CounterpartFolder liveSubfolder(openSubfolder(liveRoot.get(), name));
-            DirectoryWalker::walk(backupRootFd, name,
-                                  [&](const WalkEntry& entry) { return visit(entry, liveSubfolder); });
-        });
+    walkAlongside(backup, live, canceled, visit);
     return RestoreTotals{tally.size.load(), static_cast<std::int32_t>(tally.count.load())};
 }
