@@ -1,93 +1,53 @@
-#include "Helpers/Localizer.h"
 #include "app/AppDelegate.h"
-#include "app/MainMenu.h"
-#include "app/iCloudPrefs.h"
-#include "platform/FolderChooser.h"
-#include "platform/PasswordDatabase.h"
-#include "platform/UserDefaults.h"
-#include "support/EventLoop.h"
-#include "support/FakeRunningApplications.h"
-#include "support/RecordingFileManager.h"
-#include "support/ScriptedAlertPresenter.h"
-#include "support/ScriptedEventStream.h"
-#include "support/ScriptedChoosers.h"
-#include "support/TestHome.h"
-#include "support/TreeBuilder.h"
-#include "ui/main/MainWindowController.h"
+#include "support/MainWindowFixture.h"
 
 #include <QAction>
-#include <QLabel>
-#include <QMenu>
 #include <QMenuBar>
 #include <QProcess>
-#include <gtest/gtest.h>
-
-#include "support/QtPrinters.h"
 
 namespace {
 
-QProcess* startProgram(const QStringList& removed, const QStringList& added)
-{
-    auto* process = new QProcess;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    for (const QString& name : removed)
-        environment.remove(name);
-    for (const QString& pair : added)
-        environment.insert(pair.section('=', 0, 0), pair.section('=', 1));
-    process->setProcessEnvironment(environment);
-    process->start(PELMORA_BINARY_DIR "/Pelmora", {});
-    return process;
-}
-
 TEST(GraphicalSessionTest, WithoutADisplayTheProgramSaysSoInOneLineAndFails)
 {
-    for (const QStringList& added : {QStringList{}, QStringList{"DISPLAY=:9999"}}) {
-        std::unique_ptr<QProcess> program(startProgram({"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"}, added));
-        ASSERT_TRUE(program->waitForFinished(20000));
-        const QString errors = QString::fromUtf8(program->readAllStandardError()).trimmed();
-        EXPECT_NE(program->exitCode(), 0);
-        EXPECT_EQ(program->exitStatus(), QProcess::NormalExit) << "no crash, no abort";
+    for (const char* display : {"", ":9999"}) {
+        SCOPED_TRACE(display);
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            environment.remove(name);
+        if (*display)
+            environment.insert("DISPLAY", display);
+        QProcess program;
+        program.setProcessEnvironment(environment);
+        program.start(PELMORA_BINARY_DIR "/Pelmora", {});
+        ASSERT_TRUE(program.waitForFinished(20000));
+        const QString errors = QString::fromUtf8(program.readAllStandardError()).trimmed();
+        EXPECT_NE(program.exitCode(), 0);
+        EXPECT_EQ(program.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
         EXPECT_EQ(errors.count('\n'), 0) << errors.toStdString();
         EXPECT_TRUE(errors.contains("needs a graphical session")) << errors.toStdString();
     }
 }
 
-class LaunchTest : public ::testing::Test {
+// A German user with something in iCloud Drive.
+class LaunchTest : public TestWorld {
 protected:
     LaunchTest()
+        : TestWorld("de")
     {
-        Localizer::Resources german;
-        german.userLanguages = QStringList{"de"};
-        Localizer::setResources(german);
-        iCloudPrefs::registerDefaults(defaults);
-        passwords.home = home.path().string();
-        TreeBuilder::writeFileOfSize(home.path() / "Library" / "Mobile Documents" / "com~apple~CloudDocs" / "f", 321);
+        TreeBuilder::writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "f", 321);
     }
-    ~LaunchTest() override { Localizer::setResources(Localizer::Resources{}); }
 
     // A home of more than three components reads as a sandbox container.
-    void pretendSandboxed() { qputenv("HOME", QByteArray::fromStdString((home.path() / "Containers" / "Data").string())); }
-    QString iCloudFolder() const
+    void pretendSandboxed() { qputenv("HOME", (home.path() / "Containers" / "Data").c_str()); }
+    QString menuTitle(int index) const
     {
-        return QString::fromStdString((home.path() / "Library" / "Mobile Documents").string());
+        const QList<QAction*> items = delegate.mainWindowController()->menuBar()->actions();
+        return index < items.size() ? items[index]->text() : QString();
     }
-    QStringList menuTitles() const
-    {
-        QStringList titles;
-        for (QAction* item : delegate.mainWindowController()->menuBar()->actions())
-            titles << item->text();
-        return titles;
-    }
+    static QString menuText(const char* key) { return Localizer::localizedStringForKey(key, "MainMenu"); }
 
-    TestHome home;
-    UserDefaults defaults{UserDefaults::standardFilePath()};
-    ScriptedFolderChooser chooser;
-    ScriptedPasswordDatabase passwords;
-    FakeRunningApplications applications;
-    StreamLog streams;
-    ScriptedAlertPresenter alerts;
-    RecordingFileManager fileManager;
-    AppDelegate delegate{{defaults, chooser, passwords, applications, alerts, fileManager, scriptedStreamFactory(streams)}};
+    AppDelegate delegate{
+        {defaults, chooser, passwords, applications, alerts, fileManager, scriptedStreamFactory(streams)}};
 };
 
 TEST_F(LaunchTest, OutsideASandboxTheWindowShowsTheFolderIsWatchedOnceMeasuredAndTheMenuTranslated)
@@ -103,11 +63,10 @@ TEST_F(LaunchTest, OutsideASandboxTheWindowShowsTheFolderIsWatchedOnceMeasuredAn
     EXPECT_EQ(controller->mobileDocumentsDirectory(), iCloudFolder());
     EXPECT_EQ(streams.calls.count("create"), 1) << "the second start is refused by the watcher";
     EXPECT_TRUE(delegate.isObservingWindowClose());
-    EXPECT_EQ(menuTitles().value(0), Localizer::localizedStringForKey("MainMenu_Pelmora", "MainMenu"))
-        << "the application menu is keyed by the bundle name";
-    EXPECT_TRUE(menuTitles().value(0).contains("Pelmora"));
-    EXPECT_EQ(menuTitles().value(1), Localizer::localizedStringForKey("MainMenu_File", "MainMenu"));
-    EXPECT_NE(menuTitles().value(1), "File");
+    EXPECT_EQ(menuTitle(0), menuText("MainMenu_Pelmora")) << "the application menu goes by the bundle name";
+    EXPECT_TRUE(menuTitle(0).contains("Pelmora"));
+    EXPECT_EQ(menuTitle(1), menuText("MainMenu_File"));
+    EXPECT_NE(menuTitle(1), "File");
     ASSERT_TRUE(runEventLoopUntil([&] { return !controller->isCalculatingiCloudSizeInProgress(); }));
     EXPECT_NE(controller->labeliCloudSize()->text(), "?");
 }
@@ -122,7 +81,7 @@ TEST_F(LaunchTest, SandboxedFirstLaunchWithTheWrongFolderEndsEarly)
     EXPECT_TRUE(delegate.mainWindowController()->isVisible());
     EXPECT_FALSE(delegate.homeDirectory().has_value());
     EXPECT_FALSE(delegate.isObservingWindowClose());
-    EXPECT_EQ(menuTitles().value(1), "File") << "the menu stays untranslated in this launch";
+    EXPECT_EQ(menuTitle(1), "File") << "the menu stays untranslated in this launch";
     EXPECT_TRUE(streams.calls.isEmpty());
 }
 
@@ -137,7 +96,7 @@ TEST_F(LaunchTest, SandboxedFirstLaunchCancelledStillSubscribesAndTranslates)
     EXPECT_EQ(delegate.mainWindowController()->labeliCloudSize()->text(), "?");
     EXPECT_TRUE(streams.calls.isEmpty()) << "nothing is watched";
     EXPECT_TRUE(delegate.isObservingWindowClose());
-    EXPECT_EQ(menuTitles().value(0), Localizer::localizedStringForKey("MainMenu_Pelmora", "MainMenu"));
+    EXPECT_EQ(menuTitle(0), menuText("MainMenu_Pelmora"));
 }
 
 TEST_F(LaunchTest, SandboxedFirstLaunchWithTheRealHomeWatchesAndMeasuresIt)
@@ -149,8 +108,9 @@ TEST_F(LaunchTest, SandboxedFirstLaunchWithTheRealHomeWatchesAndMeasuresIt)
     MainWindowController* controller = delegate.mainWindowController();
     EXPECT_EQ(controller->mobileDocumentsDirectory(), iCloudFolder());
     EXPECT_EQ(streams.paths, QStringList({iCloudFolder()}));
-    ASSERT_TRUE(runEventLoopUntil([&] { return controller->labeliCloudSize()->text() != "?" &&
-                                               !controller->isCalculatingiCloudSizeInProgress(); }));
+    ASSERT_TRUE(runEventLoopUntil([&] {
+        return controller->labeliCloudSize()->text() != "?" && !controller->isCalculatingiCloudSizeInProgress();
+    }));
 }
 
 } // namespace

@@ -1,4 +1,3 @@
-#include "Helpers/Localizer.h"
 #include "app/MainMenu.h"
 
 #include <QAction>
@@ -7,20 +6,16 @@
 #include <QTranslator>
 #include <gtest/gtest.h>
 
-#include "support/QtPrinters.h"
-
 namespace {
 
-// Every item of the main menu, by the key its path gives it.
+// Every item of the main menu, by the key its path gives it ("MainMenu_File_Open", ...).
 void collectKeys(QWidget* menu, const QString& name, QStringList& keys)
 {
     for (QAction* item : menu->actions()) {
-        QString title = item->menu() ? item->menu()->title() : item->text();
+        const QString title = item->menu() ? item->menu()->title() : item->text();
         if (title.isEmpty())
             continue;
-        if (title == "Apple")
-            title = "Pelmora";
-        const QString key = name + "_" + title;
+        const QString key = name + "_" + (title == "Apple" ? QStringLiteral("Pelmora") : title);
         keys << key;
         if (item->menu())
             collectKeys(item->menu(), key, keys);

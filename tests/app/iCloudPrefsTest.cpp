@@ -11,37 +11,30 @@
 
 namespace {
 
-class iCloudPrefsTest : public ::testing::Test {
-protected:
-    std::unique_ptr<UserDefaults> openDefaults() const
-    {
-        auto defaults = std::make_unique<UserDefaults>(UserDefaults::standardFilePath());
-        iCloudPrefs::registerDefaults(*defaults);
-        return defaults;
-    }
-    QJsonObject storedObject() const
-    {
-        QFile in(UserDefaults::standardFilePath());
-        return in.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(in.readAll()).object() : QJsonObject();
-    }
-
-    TestHome home;
-};
-
-TEST_F(iCloudPrefsTest, AFreshUserGetsTheBuiltInDefaultsWithNothingStored)
+std::unique_ptr<UserDefaults> openDefaults()
 {
-    auto defaults = openDefaults();
-    EXPECT_TRUE(iCloudPrefs::isFirstLaunch(*defaults));
-    EXPECT_FALSE(iCloudPrefs::dontAskAgainRemoveBackup(*defaults));
-    EXPECT_FALSE(defaults->dataForKey(iCloudPrefs::kHomeDirBookmarkDataKey).has_value());
-    EXPECT_FALSE(defaults->arrayForKey(iCloudPrefs::kBackupsKey).has_value());
-    EXPECT_TRUE(storedObject().isEmpty());
+    auto defaults = std::make_unique<UserDefaults>(UserDefaults::standardFilePath());
+    iCloudPrefs::registerDefaults(*defaults);
+    return defaults;
 }
 
-TEST_F(iCloudPrefsTest, ChangesLastIntoLaterRunsUnderTheirOwnKeys)
+QJsonObject storedObject()
 {
+    QFile in(UserDefaults::standardFilePath());
+    return in.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(in.readAll()).object() : QJsonObject();
+}
+
+TEST(iCloudPrefsTest, BuiltInDefaultsAreNotStoredAndChangesLastIntoLaterRunsUnderTheirOwnKeys)
+{
+    TestHome home;
     {
         auto defaults = openDefaults();
+        EXPECT_TRUE(iCloudPrefs::isFirstLaunch(*defaults));
+        EXPECT_FALSE(iCloudPrefs::dontAskAgainRemoveBackup(*defaults));
+        EXPECT_FALSE(defaults->dataForKey(iCloudPrefs::kHomeDirBookmarkDataKey).has_value());
+        EXPECT_FALSE(defaults->arrayForKey(iCloudPrefs::kBackupsKey).has_value());
+        EXPECT_TRUE(storedObject().isEmpty());
+
         iCloudPrefs::setFirstLaunch(*defaults, false);
         iCloudPrefs::setDontAskAgainRemoveBackup(*defaults, true);
         EXPECT_FALSE(iCloudPrefs::isFirstLaunch(*defaults));

@@ -7,10 +7,11 @@
 
 namespace {
 
-TEST(BackupRecordTest, HoldsExactlyItsThreeKeysWithTheirTypes)
+TEST(BackupRecordTest, HoldsExactlyItsThreeKeysWithTheirTypesAndTheSameInstantInAnyTimeZone)
 {
     const QDateTime start(QDate(2015, 2, 3), QTime(14, 5, 9, 250), QTimeZone(3600));
-    const BackupRecordRef record = BackupRecord::make(start, "/home/jane/.local/share/Pelmora/x", 1234567890123);
+    const BackupRecordRef record =
+        BackupRecord::make(start, "/home/jane/.local/share/Pelmora/x", 1234567890123);
 
     const QVariantMap stored = record->stored().toMap();
     EXPECT_EQ(stored.keys(), QStringList({"BackupDate", "BackupFolder", "BackupSize"}));
@@ -19,13 +20,10 @@ TEST(BackupRecordTest, HoldsExactlyItsThreeKeysWithTheirTypes)
     EXPECT_EQ(record->backupDate(), start);
     EXPECT_EQ(record->backupFolder(), QString("/home/jane/.local/share/Pelmora/x"));
     EXPECT_EQ(record->backupSize(), 1234567890123);
-}
 
-TEST(BackupRecordTest, TheStoredDateIsTheSameInstantInAnyTimeZone)
-{
-    const QDateTime start = QDateTime::fromMSecsSinceEpoch(1700000000123, QTimeZone::utc());
-    const BackupRecordRef record = BackupRecord::make(start.toLocalTime(), "f", 0);
-    EXPECT_EQ(record->backupDate()->toMSecsSinceEpoch(), 1700000000123);
+    const QDateTime utc = QDateTime::fromMSecsSinceEpoch(1700000000123, QTimeZone::utc());
+    EXPECT_EQ(BackupRecord::make(utc.toLocalTime(), "f", 0)->backupDate()->toMSecsSinceEpoch(),
+              1700000000123);
 }
 
 TEST(BackupRecordTest, MissingOrMisshapenValuesReadAsAbsent)

@@ -13,27 +13,19 @@
 #include <map>
 #include <random>
 #include <set>
-#include <string>
+#include <sstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <vector>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
 
 namespace {
 
-constexpr int kFolders = 40;
-constexpr int kFiles = 300;
-
 bool isHiddenPath(const fs::path& relative)
 {
-    for (const fs::path& component : relative) {
-        if (component.native().starts_with('.'))
-            return true;
-    }
-    return false;
+    return std::any_of(relative.begin(), relative.end(),
+                       [](const fs::path& c) { return c.native().starts_with('.'); });
 }
 
 void setModified(const fs::path& path, timespec modified)
@@ -42,69 +34,41 @@ void setModified(const fs::path& path, timespec modified)
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0) << path;
 }
 
-std::string linkTarget(const fs::path& path)
-{
-    char target[4096];
-    const ssize_t size = ::readlink(path.c_str(), target, sizeof target);
-    return size < 0 ? std::string("<none>") : std::string(target, static_cast<std::size_t>(size));
-}
-
-// Kind, permission bits, time to the nanosecond and content or target: what must not change.
-std::string describe(const fs::path& path)
+struct stat statusOf(const fs::path& path)
 {
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0)
-        return "missing";
-    const std::string common = std::to_string(status.st_mode & 07777) + " " +
-                               std::to_string(status.st_mtim.tv_sec) + "." +
-                               std::to_string(status.st_mtim.tv_nsec);
-    if (S_ISDIR(status.st_mode))
-        return "folder " + common;
-    if (S_ISLNK(status.st_mode))
-        return "link " + common + " -> " + linkTarget(path);
-    return "file " + common + " " + readFile(path);
+    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
+    return status;
 }
 
-std::string shellQuoted(const std::string& text)
+// Kind, permission bits, time to the nanosecond and content: what must not change.
+std::string describe(const fs::path& path)
 {
-    std::string quoted = "'";
-    for (char c : text)
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
-bool rsyncAvailable()
-{
-    return std::system("command -v rsync >/dev/null 2>&1") == 0;
+    const struct stat status = statusOf(path);
+    return std::to_string(status.st_mode) + " " + std::to_string(status.st_mtim.tv_sec) + "." +
+           std::to_string(status.st_mtim.tv_nsec) + " " + (S_ISREG(status.st_mode) ? readFile(path) : "");
 }
 
 // rsync's itemized list of what it would change to make `destination` match `source`, one line each.
+// The paths hold no quote, dollar or backslash.
 std::vector<std::string> rsyncDifferences(const fs::path& source, const fs::path& destination, int& exitCode)
 {
     // Folder times are left out: the restore keeps the folders that stay, with their own times, and
     // removing or adding items changes them anyway. Restored folders are compared by time below.
     const std::string command =
-        "rsync -anc --delete --omit-dir-times --itemize-changes --exclude=.DS_Store " +
-        shellQuoted(source.native() + "/") + " " + shellQuoted(destination.native() + "/") + " 2>&1";
-    std::vector<std::string> lines;
+        "rsync -anc --delete --omit-dir-times --itemize-changes --exclude=.DS_Store \"" + source.native() +
+        "/\" \"" + destination.native() + "/\" 2>&1";
     FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) {
-        exitCode = -1;
-        return lines;
-    }
-    std::string line;
-    for (int c = std::fgetc(pipe); c != EOF; c = std::fgetc(pipe)) {
-        if (c != '\n') {
-            line += static_cast<char>(c);
-        } else {
-            lines.push_back(line);
-            line.clear();
-        }
-    }
-    if (!line.empty())
-        lines.push_back(line);
-    const int status = ::pclose(pipe);
+    std::string output;
+    char buffer[4096];
+    while (const std::size_t got = pipe ? std::fread(buffer, 1, sizeof buffer, pipe) : 0)
+        output.append(buffer, got);
+    const int status = pipe ? ::pclose(pipe) : -1;
     exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    std::vector<std::string> lines;
+    std::istringstream stream(output);
+    for (std::string line; std::getline(stream, line);)
+        lines.push_back(line);
     return lines;
 }
 
@@ -116,16 +80,15 @@ protected:
 
     timespec randomTime()
     {
-        std::uniform_int_distribution<long> seconds(1600000000, 1700000000);
-        std::uniform_int_distribution<long> nanoseconds(0, 999999999);
-        return {seconds(random), nanoseconds(random)};
+        return {std::uniform_int_distribution<long>(1600000000, 1700000000)(random),
+                std::uniform_int_distribution<long>(0, 999999999)(random)};
     }
 
     std::string randomContent()
     {
-        std::uniform_int_distribution<int> size(0, 6000);
         std::uniform_int_distribution<int> byte(0, 255);
-        std::string content(static_cast<std::size_t>(size(random)), '\0');
+        std::string content(static_cast<std::size_t>(std::uniform_int_distribution<int>(0, 6000)(random)),
+                            '\0');
         for (char& c : content)
             c = static_cast<char>(byte(random));
         return content;
@@ -149,34 +112,30 @@ protected:
             "Documents", "R\xc3\xa9sum\xc3\xa9s", "\xe6\x97\xa5\xe6\x9c\xac", "caf\xe9",       "Archive 2023",
             "Pages",     "\xff\xfe raw",          "Notes \xf0\x9f\x8e\x89",   ".hidden folder"};
         folders = {""};
-        for (int i = 0; i < kFolders; ++i) {
+        for (int i = 0; i < 40; ++i) {
             const fs::path parent = pick(folders);
             if (std::distance(parent.begin(), parent.end()) >= 4)
                 continue;
-            const fs::path folder = parent / (pick(folderNames) + " " + std::to_string(i));
-            makeFolder(live() / folder);
-            folders.push_back(folder);
+            folders.push_back(parent / (pick(folderNames) + " " + std::to_string(i)));
+            makeFolder(live() / folders.back());
         }
         const std::vector<std::string> fileNames = {
             "file", ".hidden", "na\xc3\xafve", "bad\xff\x80", "\xe6\x96\x87\xe6\x9b\xb8", "report"};
-        for (int i = 0; i < kFiles; ++i) {
-            const fs::path file = pick(folders) / (pick(fileNames) + "-" + std::to_string(i) + ".dat");
-            addFile(file, randomContent(), randomTime());
-            ::chmod((live() / file).c_str(), i % 7 == 0 ? 0600 : (i % 11 == 0 ? 0755 : 0644));
-            files.push_back(file);
+        for (int i = 0; i < 300; ++i) {
+            files.push_back(pick(folders) / (pick(fileNames) + "-" + std::to_string(i) + ".dat"));
+            addFile(files.back(), randomContent(), randomTime());
+            ::chmod((live() / files.back()).c_str(), i % 7 == 0 ? 0600 : (i % 11 == 0 ? 0755 : 0644));
         }
         for (std::size_t i = 0; i < folders.size(); i += 3)
             addFile(folders[i] / ".DS_Store", "clutter", randomTime());
         const fs::path sibling =
             *std::find_if(files.begin(), files.end(), [](auto& f) { return !isHiddenPath(f); });
-        makeSymlink(sibling.filename().native(), live() / sibling.parent_path() / "to-sibling");
-        makeSymlink(outside().native(), live() / "to-outside");
-        makeSymlink("nowhere/missing", live() / folders[1] / "dangling");
-        for (const fs::path& link :
-             {sibling.parent_path() / "to-sibling", fs::path("to-outside"), folders[1] / "dangling"}) {
+        links = {sibling.parent_path() / "to-sibling", "to-outside", folders[1] / "dangling"};
+        makeSymlink(sibling.filename().native(), live() / links[0]);
+        makeSymlink(outside().native(), live() / links[1]);
+        makeSymlink("nowhere/missing", live() / links[2]);
+        for (const fs::path& link : links)
             setModified(live() / link, randomTime());
-            links.push_back(link);
-        }
         // The two halves of the kind swaps below: one folder that becomes a file, one file that becomes a
         // folder.
         addFile("Swap/folder that becomes a file/inner.txt", "inner", randomTime());
@@ -188,16 +147,6 @@ protected:
             setModified(live() / folder, randomTime());
         for (auto it = folders.rbegin(); it != folders.rend(); ++it)
             setModified(live() / *it, randomTime());
-    }
-
-    // Content as it was, time a nanosecond off: a comparison of whole seconds would not see it.
-    void touchByOneNanosecond(const fs::path& file)
-    {
-        struct stat status {};
-        ASSERT_EQ(::lstat(file.c_str(), &status), 0);
-        timespec modified = status.st_mtim;
-        modified.tv_nsec += modified.tv_nsec == 999999999 ? -1 : 1;
-        setModified(file, modified);
     }
 
     // Everything a user may do between the backup and the restore, except editing hidden files.
@@ -214,13 +163,17 @@ protected:
         std::size_t next = 0;
         for (int i = 0; i < 25; ++i, ++next)
             addFile(visible[next], "edited " + std::to_string(i), randomTime());
-        for (int i = 0; i < 5; ++i, ++next)
-            touchByOneNanosecond(live() / visible[next]);
+        // Content as it was, time a nanosecond off: a comparison of whole seconds would not see it.
+        for (int i = 0; i < 5; ++i, ++next) {
+            timespec modified = statusOf(live() / visible[next]).st_mtim;
+            modified.tv_nsec += modified.tv_nsec == 999999999 ? -1 : 1;
+            setModified(live() / visible[next], modified);
+        }
         for (int i = 0; i < 20; ++i, ++next)
-            ASSERT_EQ(::unlink((live() / visible[next]).c_str()), 0);
+            ASSERT_TRUE(fs::remove(live() / visible[next]));
         ASSERT_GE(hidden.size(), 10u);
         for (std::size_t i = 0; i < 10; ++i)
-            ASSERT_EQ(::unlink((live() / hidden[i]).c_str()), 0); // the copy brings these back
+            ASSERT_TRUE(fs::remove(live() / hidden[i])); // the copy brings these back
         for (int i = 0; i < 15; ++i)
             addFile(pick(visibleFolders) / ("added-" + std::to_string(i) + ".txt"), randomContent(),
                     randomTime());
@@ -229,37 +182,27 @@ protected:
 
         removeTree(live() / "Swap" / "folder that becomes a file");
         addFile("Swap/folder that becomes a file", "now a file", randomTime());
-        ASSERT_EQ(::unlink((live() / "Swap" / "file that becomes a folder").c_str()), 0);
+        ASSERT_TRUE(fs::remove(live() / "Swap" / "file that becomes a folder"));
         addFile("Swap/file that becomes a folder/now.txt", "now a folder", randomTime());
         removeTree(live() / "Gone");
         makeSymlink(outside().native(), live() / "Gone");
         setModified(live() / "Gone", randomTime()); // never the clock tick the backup's folder may share
 
-        ASSERT_EQ(::unlink((live() / links[0]).c_str()), 0);
+        ASSERT_TRUE(fs::remove(live() / links[0]));
         makeSymlink("retargeted", live() / links[0]);
         setModified(live() / links[0], randomTime());
 
         const fs::path kept = visibleFolders.back(); // a folder the restore keeps
-        addFile(".added hidden", "hidden", randomTime());
-        addFile(kept / ".added hidden too", "hidden too", randomTime());
-        addFile(".added hidden folder/visible.txt", "visible name, hidden folder", randomTime());
-        addFile(".added hidden folder/sub/deeper.txt", "deeper", randomTime());
+        for (const fs::path& file :
+             {fs::path(".added hidden"), kept / ".added hidden too",
+              fs::path(".added hidden folder/visible.txt"), fs::path(".added hidden folder/sub/deeper.txt")})
+            addFile(file, file.filename().native(), randomTime());
         hiddenAdditions = {".added hidden",
-                           kept / ".added hidden too",
+                           (kept / ".added hidden too").native(),
                            ".added hidden folder",
                            ".added hidden folder/visible.txt",
                            ".added hidden folder/sub",
                            ".added hidden folder/sub/deeper.txt"};
-    }
-
-    std::set<fs::path> liveFolders() const
-    {
-        std::set<fs::path> found;
-        for (const fs::directory_entry& entry : fs::recursive_directory_iterator(live())) {
-            if (entry.is_directory() && !entry.is_symlink())
-                found.insert(entry.path().lexically_relative(live()));
-        }
-        return found;
     }
 
     TestHome home;
@@ -267,12 +210,12 @@ protected:
     std::vector<fs::path> folders;
     std::vector<fs::path> files;
     std::vector<fs::path> links;
-    std::vector<fs::path> hiddenAdditions;
+    std::set<std::string> hiddenAdditions;
 };
 
 TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAdditions)
 {
-    if (!rsyncAvailable())
+    if (std::system("command -v rsync >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "rsync is not installed (scripts/bootstrap installs it)";
     writeFile(outside() / "victim.txt", "outside the live folder");
     const std::string outsideBefore = describe(outside() / "victim.txt");
@@ -280,10 +223,14 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAd
     std::atomic<bool> canceled{false};
     ASSERT_TRUE(DirectoryCopier::copyDirectoryAtPath(live(), backup(), canceled, [](const fs::path&) {}));
     changeLiveTree();
-    std::map<fs::path, std::string> hiddenBefore;
-    for (const fs::path& item : hiddenAdditions)
+    std::map<std::string, std::string> hiddenBefore;
+    for (const std::string& item : hiddenAdditions)
         hiddenBefore[item] = describe(live() / item);
-    const std::set<fs::path> foldersBefore = liveFolders();
+    std::set<fs::path> foldersBefore;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(live())) {
+        if (entry.is_directory() && !entry.is_symlink())
+            foldersBefore.insert(entry.path().lexically_relative(live()));
+    }
 
     RestorePreparation::pruneLiveFolder(live(), backup(), canceled);
     const RestoreTotals totals = RestorePreparation::measureFilesToCopy(backup(), live(), canceled);
@@ -291,9 +238,7 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAd
     std::uint64_t copiedSize = 0;
     EXPECT_TRUE(DirectoryCopier::copyDirectoryAtPath(backup(), live(), canceled, [&](const fs::path& source) {
         ++copiedCount;
-        struct stat status {};
-        if (::lstat(source.c_str(), &status) == 0)
-            copiedSize += static_cast<std::uint64_t>(status.st_size);
+        copiedSize += static_cast<std::uint64_t>(statusOf(source).st_size);
     }));
 
     EXPECT_EQ(totals.totalCount, copiedCount) << "the count must be what the copy creates";
@@ -303,20 +248,17 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAd
     int exitCode = 0;
     std::set<std::string> deletions;
     for (const std::string& line : rsyncDifferences(backup(), live(), exitCode)) {
-        if (line.starts_with("*deleting")) {
-            std::string name = line.substr(line.find_first_not_of(' ', 9));
-            if (name.ends_with('/'))
-                name.pop_back();
-            deletions.insert(name);
-        } else {
+        if (!line.starts_with("*deleting")) {
             ADD_FAILURE() << "rsync: " << line;
+            continue;
         }
+        std::string name = line.substr(line.find_first_not_of(' ', 9));
+        if (name.ends_with('/'))
+            name.pop_back();
+        deletions.insert(name);
     }
     EXPECT_EQ(exitCode, 0);
-    std::set<std::string> expectedDeletions;
-    for (const fs::path& item : hiddenAdditions)
-        expectedDeletions.insert(item.native());
-    EXPECT_EQ(deletions, expectedDeletions) << "rsync must see exactly the hidden items added since";
+    EXPECT_EQ(deletions, hiddenAdditions) << "rsync must see exactly the hidden items added since";
 
     for (const auto& [item, description] : hiddenBefore)
         EXPECT_EQ(describe(live() / item), description) << item;
@@ -325,12 +267,10 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAd
         const fs::path relative = entry.path().lexically_relative(backup());
         if (entry.is_directory() && !entry.is_symlink() && foldersBefore.contains(relative))
             continue; // kept, with its own time
-        struct stat restored {};
-        ASSERT_EQ(::lstat((live() / relative).c_str(), &restored), 0) << relative;
-        struct stat original {};
-        ASSERT_EQ(::lstat(entry.path().c_str(), &original), 0);
-        EXPECT_EQ(restored.st_mtim.tv_sec, original.st_mtim.tv_sec) << relative;
-        EXPECT_EQ(restored.st_mtim.tv_nsec, original.st_mtim.tv_nsec) << relative;
+        const timespec restored = statusOf(live() / relative).st_mtim;
+        const timespec original = statusOf(entry.path()).st_mtim;
+        EXPECT_EQ(std::pair(restored.tv_sec, restored.tv_nsec), std::pair(original.tv_sec, original.tv_nsec))
+            << relative;
     }
 }
 

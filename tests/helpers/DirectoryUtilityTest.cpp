@@ -4,7 +4,6 @@
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,12 @@ namespace {
 class FolderMeasureTest : public ::testing::Test {
 protected:
     fs::path tree() const { return home.path() / "Library" / "Mobile Documents"; }
+    // As "bytes/files".
+    static std::string measured(const fs::path& folder)
+    {
+        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(folder);
+        return std::to_string(measure.totalSize) + "/" + std::to_string(measure.totalFilesCount);
+    }
     TestHome home;
 };
 
@@ -34,73 +39,39 @@ TEST_F(FolderMeasureTest, CountsFilesLinksAndSpecialFilesButNotFoldersOrFinderCl
     makeSymlink((home.path() / "outside").string(), tree() / "com~apple~CloudDocs" / "link-to-folder");
     ASSERT_EQ(::mkfifo((tree() / "fifo").c_str(), 0600), 0);
 
-    const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(tree());
-
-    const auto folderLinkSize = (home.path() / "outside").string().size();
-    EXPECT_EQ(measure.totalSize, 100u + 2000u + 7u + 5u + folderLinkSize + 0u);
-    EXPECT_EQ(measure.totalFilesCount, 6);
+    const std::size_t folderLinkSize = (home.path() / "outside").string().size();
+    EXPECT_EQ(measured(tree()), std::to_string(100 + 2000 + 7 + 5 + folderLinkSize + 0) + "/6");
 }
 
-TEST_F(FolderMeasureTest, FinderClutterAndEmptyFoldersMeasureNothing)
+TEST_F(FolderMeasureTest, OnlyItemsThatAreNotFoldersOrClutterCountWhateverTheirNames)
 {
-    writeFileOfSize(tree() / ".DS_Store", 6148);
-    writeFileOfSize(tree() / "a" / ".DS_Store", 6148);
-    makeFolder(tree() / "a" / "b" / "c");
-
-    const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(tree());
-
-    EXPECT_EQ(measure.totalSize, 0u);
-    EXPECT_EQ(measure.totalFilesCount, 0);
-}
-
-TEST_F(FolderMeasureTest, AFolderNamedLikeFinderClutterIsStillWalkedInto)
-{
-    writeFileOfSize(tree() / ".DS_Store" / "inside", 42);
-
-    const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(tree());
-
-    EXPECT_EQ(measure.totalSize, 42u);
-    EXPECT_EQ(measure.totalFilesCount, 1);
-}
-
-TEST_F(FolderMeasureTest, MissingFolderOrAFileMeasuresZero)
-{
-    EXPECT_EQ(DirectoryUtility::sizeForDirectoryAtPath(tree() / "nothing-here").totalFilesCount, 0);
+    writeFileOfSize(tree() / "clutter" / ".DS_Store", 6148);
+    writeFileOfSize(tree() / "clutter" / "a" / ".DS_Store", 6148);
+    makeFolder(tree() / "clutter" / "a" / "b" / "c");
+    writeFileOfSize(tree() / "named-like-clutter" / ".DS_Store" / "inside", 42); // a folder: walked into
+    writeFileOfSize(tree() / "not-utf8" / std::string("caf\xe9.txt"), 11);
+    writeFileOfSize(tree() / "not-utf8" / std::string("\xff\xfe folder") / std::string("\x80"), 13);
     writeFileOfSize(home.path() / "plain", 10);
-    const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(home.path() / "plain");
-    EXPECT_EQ(measure.totalSize, 0u);
-    EXPECT_EQ(measure.totalFilesCount, 0);
-}
 
-TEST_F(FolderMeasureTest, NamesThatAreNotUtf8AreCountedLikeAnyOther)
-{
-    writeFileOfSize(tree() / std::string("caf\xe9.txt"), 11);
-    writeFileOfSize(tree() / std::string("\xff\xfe folder") / std::string("\x80"), 13);
-
-    const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(tree());
-
-    EXPECT_EQ(measure.totalSize, 24u);
-    EXPECT_EQ(measure.totalFilesCount, 2);
+    EXPECT_EQ(measured(tree() / "clutter"), "0/0");
+    EXPECT_EQ(measured(tree() / "named-like-clutter"), "42/1");
+    EXPECT_EQ(measured(tree() / "not-utf8"), "24/2");
+    EXPECT_EQ(measured(tree() / "nothing-here"), "0/0");
+    EXPECT_EQ(measured(home.path() / "plain"), "0/0");
 }
 
 TEST_F(FolderMeasureTest, TreesDeeperThanPathMaxAreMeasuredCompletely)
 {
     makeFolder(tree());
     // 2,500 levels of "dd/" is 7,500 bytes of path, well past PATH_MAX (4,096).
-    int deepest = makeDeepChain(tree(), "dd", 2500);
+    const int deepest = makeDeepChain(tree(), "dd", 2500);
     ASSERT_GE(deepest, 0);
-    int file = ::openat(deepest, "bottom", O_WRONLY | O_CREAT | O_EXCL, 0644);
-    ASSERT_GE(file, 0);
-    ASSERT_EQ(::write(file, "1234567", 7), 7);
-    ::close(file);
+    writeFile(fs::path("/proc/self/fd") / std::to_string(deepest) / "bottom", "1234567");
     ::close(deepest);
     // A sibling near the top is reached only after coming back up through released descriptors.
     writeFileOfSize(tree() / "dd" / "dd" / "sibling", 3);
 
-    const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(tree());
-
-    EXPECT_EQ(measure.totalSize, 10u);
-    EXPECT_EQ(measure.totalFilesCount, 2);
+    EXPECT_EQ(measured(tree()), "10/2");
 }
 
 TEST_F(FolderMeasureTest, UnreadableFoldersArePassedOver)
@@ -111,26 +82,16 @@ TEST_F(FolderMeasureTest, UnreadableFoldersArePassedOver)
         ::chmod(p.c_str(), 0755);
     ::chmod((tree() / "locked").c_str(), 0);
 
-    const fs::path root = tree();
-    const std::optional<std::string> answer = runUnprivileged([&] {
-        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(root);
-        return std::to_string(measure.totalSize) + "/" + std::to_string(measure.totalFilesCount);
-    });
+    const std::optional<std::string> answer = runUnprivileged([root = tree()] { return measured(root); });
     if (!answer)
         GTEST_SKIP() << "cannot run a child as an unprivileged user here";
     EXPECT_EQ(*answer, "5/1");
 }
 
-class ScriptedPasswordDatabase : public PasswordDatabase {
-public:
-    explicit ScriptedPasswordDatabase(std::optional<std::string> home)
-        : m_home(std::move(home))
-    {
-    }
-    std::optional<std::string> homeDirectoryOfUser(uid_t) const override { return m_home; }
-
-private:
-    std::optional<std::string> m_home;
+struct ScriptedPasswordDatabase : PasswordDatabase {
+    explicit ScriptedPasswordDatabase(std::optional<std::string> home) : home(std::move(home)) {}
+    std::optional<std::string> homeDirectoryOfUser(uid_t) const override { return home; }
+    std::optional<std::string> home;
 };
 
 TEST(RealHomeDirectoryTest, ComesFromThePasswordDatabaseNotTheEnvironment)

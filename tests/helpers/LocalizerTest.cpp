@@ -1,22 +1,16 @@
 #include "Helpers/Localizer.h"
 #include "support/EventLoop.h"
+#include "support/QtPrinters.h"
 
 #include <QMenu>
 #include <QMenuBar>
 #include <gtest/gtest.h>
-
-#include "support/QtPrinters.h"
 
 using namespace std::chrono_literals;
 
 namespace {
 
 QStringList capturedMessages;
-
-void captureMessage(QtMsgType, const QMessageLogContext&, const QString& message)
-{
-    capturedMessages << message;
-}
 
 // Test tables: "inBoth" in English and German, "onlyInDevelopment" in English only, and a German text
 // that is literally the sentinel.
@@ -31,80 +25,59 @@ protected:
     void useTables(const QString& userLanguage, const QString& development = "en",
                    std::chrono::milliseconds lifetime = 5000ms)
     {
-        Localizer::Resources resources;
-        resources.directory = ":/testi18n";
-        resources.baseName = "test";
-        resources.userLanguages = QStringList{userLanguage};
-        resources.developmentLocalization = development;
-        resources.nativeBundleLifetime = lifetime;
-        Localizer::setResources(resources);
+        Localizer::setResources({.directory = ":/testi18n", .baseName = "test",
+                                 .developmentLocalization = development, .userLanguages = {userLanguage},
+                                 .nativeBundleLifetime = lifetime});
     }
 };
 
-TEST_F(LocalizerTest, LooksInTheUsersLanguageThenTheDevelopmentLanguageThenGivesTheKey)
+TEST_F(LocalizerTest, LooksInTheUsersLanguageThenTheDevelopmentLanguageThenGivesTheKeyLoggingAMissingTable)
 {
     EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "Deutsch beide");
     EXPECT_EQ(Localizer::localizedStringForKey("onlyInDevelopment"), "Development only");
+    EXPECT_EQ(Localizer::localizedStringForKey("sentinelInUser"), "English fallback"); // counts as missing
     EXPECT_EQ(Localizer::localizedStringForKey("nowhere"), "nowhere");
     EXPECT_EQ(Localizer::localizedStringForKey("inBoth", "NoSuchTable"), "inBoth");
-}
-
-TEST_F(LocalizerTest, AUserTextThatIsTheSentinelCountsAsMissing)
-{
-    EXPECT_EQ(Localizer::localizedStringForKey("sentinelInUser"), "English fallback");
-}
-
-TEST_F(LocalizerTest, DevelopmentLanguageLookupIgnoresTheUsersLanguage)
-{
+    // The development language alone, whatever the user's.
     EXPECT_EQ(Localizer::nonLocalizedStringForKey("inBoth"), "English both");
     EXPECT_EQ(Localizer::nonlocalizedStringForKey("TestMenu_Pelmora", "MainMenu"), "Pelmora (en)");
     EXPECT_EQ(Localizer::nonLocalizedStringForKey("nowhere"), "nowhere");
-}
-
-TEST_F(LocalizerTest, AUserLanguageWithoutATableFallsBackToTheDevelopmentLanguage)
-{
-    useTables("fr-FR");
-    EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "English both");
+    // A user language without a table of its own falls back to its base language, else the development one.
     useTables("de-AT");
     EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "Deutsch beide");
-}
+    useTables("fr-FR");
+    EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "English both");
 
-TEST_F(LocalizerTest, TheDevelopmentTableIsLoadedOnDemandAndDroppedAfterItsLifetime)
-{
-    useTables("de", "en", 50ms);
-    EXPECT_FALSE(Localizer::isNativBundleLoaded());
-    Localizer::localizedStringForKey("inBoth"); // found in German: no need for the development table
-    EXPECT_FALSE(Localizer::isNativBundleLoaded());
-    Localizer::localizedStringForKey("onlyInDevelopment");
-    EXPECT_TRUE(Localizer::isNativBundleLoaded());
-    EXPECT_TRUE(runEventLoopUntil([] { return !Localizer::isNativBundleLoaded(); }));
-    EXPECT_EQ(Localizer::localizedStringForKey("onlyInDevelopment"), "Development only");
-}
-
-TEST_F(LocalizerTest, UsingTheDevelopmentTableDoesNotExtendItsLife)
-{
-    useTables("de", "en", 100ms);
-    ASSERT_NE(Localizer::nativBundle(), nullptr);
-    // Kept busy with lookups that need it, it still goes once its lifetime from loading is over.
-    bool dropped = runEventLoopUntil([] {
-        if (!Localizer::isNativBundleLoaded())
-            return true;
-        Localizer::nonLocalizedStringForKey("onlyInDevelopment");
-        return false;
-    });
-    EXPECT_TRUE(dropped);
-}
-
-TEST_F(LocalizerTest, AMissingDevelopmentTableIsLoggedOnEveryLookupAndGivesTheKey)
-{
+    // A missing development table is logged on every lookup that needs it.
     useTables("de", "xx");
     capturedMessages.clear();
-    qInstallMessageHandler(captureMessage);
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
+        capturedMessages << message;
+    });
     EXPECT_EQ(Localizer::localizedStringForKey("onlyInDevelopment"), "onlyInDevelopment");
     EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "Deutsch beide");
     EXPECT_EQ(Localizer::nativBundle(), nullptr);
     EXPECT_EQ(capturedMessages, QStringList({"Can't locate native localization(xx)",
                                              "Can't locate native localization(xx)"}));
+}
+
+TEST_F(LocalizerTest, TheDevelopmentTableIsLoadedOnDemandAndDroppedAfterItsLifetimeHoweverMuchUsed)
+{
+    useTables("de", "en", 100ms);
+    EXPECT_FALSE(Localizer::isNativBundleLoaded());
+    Localizer::localizedStringForKey("inBoth"); // found in German: no need for the development table
+    EXPECT_FALSE(Localizer::isNativBundleLoaded());
+    Localizer::localizedStringForKey("onlyInDevelopment");
+    EXPECT_TRUE(Localizer::isNativBundleLoaded());
+    // Kept busy with lookups that need it, it still goes once its lifetime from loading is over.
+    EXPECT_TRUE(runEventLoopUntil([] {
+        if (!Localizer::isNativBundleLoaded())
+            return true;
+        Localizer::nonLocalizedStringForKey("onlyInDevelopment");
+        return false;
+    }));
+    EXPECT_EQ(Localizer::localizedStringForKey("onlyInDevelopment"), "Development only");
+    EXPECT_NE(Localizer::nativBundle(), nullptr);
 }
 
 TEST_F(LocalizerTest, MenusAreTranslatedByTheirPathWithTheBundleNameForTheApplicationMenu)
@@ -131,17 +104,13 @@ TEST_F(LocalizerTest, MenusAreTranslatedByTheirPathWithTheBundleNameForTheApplic
 
 TEST_F(LocalizerTest, ButtonTitlesComeFromTheProgramsTables)
 {
-    Localizer::Resources english;
-    english.userLanguages = QStringList{"en"};
-    Localizer::setResources(english);
+    Localizer::setResources({.userLanguages = {"en"}});
     EXPECT_EQ(Localizer::okButtonTitle(), "OK");
     EXPECT_EQ(Localizer::cancelButtonTitle(), "Cancel");
     EXPECT_EQ(Localizer::yesButtonTitle(), "Yes");
     EXPECT_EQ(Localizer::noButtonTitle(), "No");
 
-    Localizer::Resources german = english;
-    german.userLanguages = QStringList{"de"};
-    Localizer::setResources(german);
+    Localizer::setResources({.userLanguages = {"de"}});
     EXPECT_EQ(Localizer::cancelButtonTitle(), "Abbrechen");
     EXPECT_EQ(Localizer::noButtonTitle(), "Nein");
     for (const QString& title : {Localizer::openButtonTitle(), Localizer::dontShowAgainButtonTitle(),

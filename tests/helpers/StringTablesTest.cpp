@@ -11,39 +11,27 @@
 
 namespace {
 
-struct TableEntry {
-    QString context;
-    QString key;
-    QString text;
-    bool finished = true;
-};
-
-QList<TableEntry> readTable(const QString& path)
+// Each entry of a table as "context/key" and its text, which is empty where the translation is unfinished.
+QList<std::pair<QString, QString>> readTable(const char* language)
 {
-    QFile file(path);
+    QFile file(QStringLiteral(PELMORA_SOURCE_DIR "/resources/strings/pelmora_%1.ts").arg(language));
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    QList<TableEntry> entries;
+    QList<std::pair<QString, QString>> entries;
     QString context;
     QXmlStreamReader xml(&file);
     while (!xml.atEnd()) {
         if (xml.readNext() != QXmlStreamReader::StartElement)
             continue;
-        if (xml.name() == QLatin1String("name")) {
+        if (xml.name() == QLatin1String("name"))
             context = xml.readElementText();
-        } else if (xml.name() == QLatin1String("source")) {
-            entries.append({context, xml.readElementText(), {}, true});
-        } else if (xml.name() == QLatin1String("translation") && !entries.isEmpty()) {
-            entries.last().finished = xml.attributes().value("type").isEmpty();
-            entries.last().text = xml.readElementText();
-        }
+        else if (xml.name() == QLatin1String("source"))
+            entries.append({context + "/" + xml.readElementText(), {}});
+        else if (xml.name() == QLatin1String("translation") && !entries.isEmpty())
+            entries.last().second =
+                xml.attributes().value("type").isEmpty() ? xml.readElementText() : QString();
     }
     return entries;
-}
-
-QString tablePath(const char* language)
-{
-    return QStringLiteral(PELMORA_SOURCE_DIR "/resources/strings/pelmora_%1.ts").arg(language);
 }
 
 // Every text key written in the code: a string literal named the way keys are named, by the kind of
@@ -51,8 +39,8 @@ QString tablePath(const char* language)
 QSet<QString> keysUsedInCode()
 {
     static const QRegularExpression literal(
-        R"("((?:alert|btnTitle|button_|contextMenu|formatString|label|menuItem|openPanel|operation|placeholder|)"
-        R"(tableColumn|titleShow|windowTitle)[A-Za-z_]*)\")");
+        R"("((?:alert|btnTitle|button_|contextMenu|formatString|label|menuItem|openPanel|operation|)"
+        R"(placeholder|tableColumn|titleShow|windowTitle)[A-Za-z_]*)\")");
     QSet<QString> keys;
     for (const char* folder : {"app", "Helpers", "engine", "ui", "watch", "platform"}) {
         QDirIterator it(QStringLiteral(PELMORA_SOURCE_DIR "/") + folder, {"*.cpp", "*.h"}, QDir::Files,
@@ -79,7 +67,7 @@ QStringList placeholders(const QString& text)
     return found;
 }
 
-TEST(StringTablesTest, EveryKeyTheCodeLooksUpHasAnEnglishText)
+TEST(StringTablesTest, EveryKeyTheCodeLooksUpHasAnEnglishTextAndFormatStringsTakeTheirArgumentsInOrder)
 {
     const QSet<QString> used = keysUsedInCode();
     ASSERT_TRUE(used.contains("button_ok")) << "the scan of the sources found nothing";
@@ -88,38 +76,29 @@ TEST(StringTablesTest, EveryKeyTheCodeLooksUpHasAnEnglishText)
     for (const QString& key : used)
         EXPECT_FALSE(english.translate("Localizable", key.toUtf8().constData()).isEmpty())
             << "missing from the English table: " << key.toStdString();
+    const auto placeholdersOf = [&](const char* key) {
+        return placeholders(english.translate("Localizable", key));
+    };
+    EXPECT_EQ(placeholdersOf("formatStringBackupContent"), QStringList({"%1", "%2"}));
+    EXPECT_EQ(placeholdersOf("formatStringCloseApps"), QStringList({"%1"}));
+    EXPECT_EQ(placeholdersOf("menuItemTitleBackup"), QStringList({"%1"}));
 }
 
 TEST(StringTablesTest, EveryLanguageHasEveryKeyWithAFinishedTextAndTheSamePlaceholders)
 {
-    const QList<TableEntry> english = readTable(tablePath("en"));
-    const QList<TableEntry> german = readTable(tablePath("de"));
+    const QList<std::pair<QString, QString>> english = readTable("en");
+    const QList<std::pair<QString, QString>> german = readTable("de");
     ASSERT_GT(english.size(), 60);
+    const QHash<QString, QString> germanById(german.cbegin(), german.cend());
+    ASSERT_EQ(germanById.size(), german.size()) << "a key appears twice in the German table";
 
-    QHash<QString, TableEntry> germanByKey;
-    for (const TableEntry& entry : german)
-        germanByKey.insert(entry.context + "/" + entry.key, entry);
-    ASSERT_EQ(germanByKey.size(), german.size()) << "a key appears twice in the German table";
-
-    for (const TableEntry& entry : english) {
-        const QString id = entry.context + "/" + entry.key;
-        EXPECT_TRUE(entry.finished && !entry.text.isEmpty()) << "English: " << id.toStdString();
-        ASSERT_TRUE(germanByKey.contains(id)) << "missing from the German table: " << id.toStdString();
-        const TableEntry& translated = germanByKey.value(id);
-        EXPECT_TRUE(translated.finished && !translated.text.isEmpty()) << "German: " << id.toStdString();
-        EXPECT_EQ(placeholders(entry.text), placeholders(translated.text)) << id.toStdString();
+    for (const auto& [id, text] : english) {
+        EXPECT_FALSE(text.isEmpty()) << "English: " << id.toStdString();
+        ASSERT_TRUE(germanById.contains(id)) << "missing from the German table: " << id.toStdString();
+        EXPECT_FALSE(germanById.value(id).isEmpty()) << "German: " << id.toStdString();
+        EXPECT_EQ(placeholders(text), placeholders(germanById.value(id))) << id.toStdString();
     }
     EXPECT_EQ(english.size(), german.size());
-}
-
-TEST(StringTablesTest, FormatStringsTakeTheirArgumentsInOrder)
-{
-    QTranslator english;
-    ASSERT_TRUE(english.load("pelmora_en", ":/i18n"));
-    const QString content = english.translate("Localizable", "formatStringBackupContent");
-    EXPECT_EQ(placeholders(content), QStringList({"%1", "%2"}));
-    EXPECT_EQ(placeholders(english.translate("Localizable", "formatStringCloseApps")), QStringList({"%1"}));
-    EXPECT_EQ(placeholders(english.translate("Localizable", "menuItemTitleBackup")), QStringList({"%1"}));
 }
 
 } // namespace

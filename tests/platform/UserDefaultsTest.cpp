@@ -1,16 +1,15 @@
 #include "platform/UserDefaults.h"
 #include "support/TestHome.h"
-#include "support/TreeBuilder.h"
 
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <gtest/gtest.h>
-
-#include "support/QtPrinters.h"
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "support/QtPrinters.h"
 
 namespace {
 
@@ -20,9 +19,7 @@ protected:
     QJsonObject fileContents() const
     {
         QFile in(file());
-        if (!in.open(QIODevice::ReadOnly))
-            return {};
-        return QJsonDocument::fromJson(in.readAll()).object();
+        return in.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(in.readAll()).object() : QJsonObject();
     }
     void writeRawFile(const QByteArray& text) const
     {
@@ -35,64 +32,51 @@ protected:
     TestHome home;
 };
 
-TEST_F(UserDefaultsTest, RegisteredDefaultsAnswerReadsButAreNeverWritten)
+TEST_F(UserDefaultsTest, RegisteredDefaultsAnswerReadsWhereNothingIsStoredAndAreNeverWritten)
 {
     ASSERT_EQ(file(), QString::fromStdString((home.configHome() / "Pelmora" / "Pelmora.json").string()));
+    UserDefaults(file()).setBoolForKey(false, "Stored");
     UserDefaults defaults(file());
-    defaults.registerDefaults({{"Flag", true}, {"Other", false}});
+    defaults.registerDefaults({{"Flag", true}, {"Other", false}, {"Stored", true}});
     EXPECT_TRUE(defaults.boolForKey("Flag"));
     EXPECT_FALSE(defaults.boolForKey("Other"));
     EXPECT_FALSE(defaults.boolForKey("Unknown"));
+    EXPECT_FALSE(defaults.boolForKey("Stored")) << "a stored value wins over a default registered later";
 
     defaults.setBoolForKey(true, "Other");
-    const QJsonObject stored = fileContents();
-    EXPECT_TRUE(stored.value("Other").toBool());
-    EXPECT_FALSE(stored.contains("Flag"));
+    EXPECT_TRUE(fileContents().value("Other").toBool());
+    EXPECT_FALSE(fileContents().contains("Flag"));
+    defaults.removeObjectForKey("Stored");
+    EXPECT_TRUE(defaults.boolForKey("Stored")) << "removing a key brings the default back";
+    EXPECT_FALSE(fileContents().contains("Stored"));
 }
 
-TEST_F(UserDefaultsTest, StoredValuesWinOverDefaultsRegisteredLater)
+TEST_F(UserDefaultsTest, AProcessThatDiesRightAfterAWriteKeepsItAndLeavesNothingElse)
 {
-    UserDefaults(file()).setBoolForKey(false, "Flag");
-    UserDefaults defaults(file());
-    defaults.registerDefaults({{"Flag", true}});
-    EXPECT_FALSE(defaults.boolForKey("Flag"));
-}
-
-TEST_F(UserDefaultsTest, AWriteIsOnDiskBeforeTheCallReturns)
-{
-    UserDefaults defaults(file());
-    defaults.setDataForKey(QByteArray("\x00\x01binary\xff", 9), "Blob");
-    // Read by a second store while the first is still alive: nothing waits for a later flush.
-    UserDefaults reader(file());
-    EXPECT_EQ(reader.dataForKey("Blob"), QByteArray("\x00\x01binary\xff", 9));
-
-    QDir folder(QFileInfo(file()).absolutePath());
-    QStringList leftovers = folder.entryList(QDir::Files | QDir::Hidden);
-    leftovers.removeAll("Pelmora.json");
-    leftovers.removeAll("Pelmora.json.lock");
-    EXPECT_TRUE(leftovers.isEmpty()) << leftovers.join(", ").toStdString();
-}
-
-TEST_F(UserDefaultsTest, AProcessThatDiesRightAfterAWriteKeepsIt)
-{
-    const QString path = file();
-    pid_t child = ::fork();
+    const QByteArray blob("\x00\x01binary\xff", 9);
+    const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        UserDefaults defaults(path);
-        defaults.setBoolForKey(true, "Written");
-        ::_exit(0); // no destructors, no orderly shutdown
+        UserDefaults defaults(file());
+        defaults.setDataForKey(blob, "Blob");
+        ::_exit(0); // no destructors, no orderly shutdown, no later flush
     }
     int status = 0;
     ::waitpid(child, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_TRUE(UserDefaults(path).boolForKey("Written"));
+    EXPECT_EQ(UserDefaults(file()).dataForKey("Blob"), blob);
+
+    QStringList leftovers = QDir(QFileInfo(file()).absolutePath()).entryList(QDir::Files | QDir::Hidden);
+    leftovers.removeAll("Pelmora.json");
+    leftovers.removeAll("Pelmora.json.lock");
+    EXPECT_TRUE(leftovers.isEmpty()) << leftovers.join(", ").toStdString();
 }
 
 TEST_F(UserDefaultsTest, AnUnreadableFileIsSetAsideAndTheStoreStartsEmpty)
 {
     for (const QByteArray& broken : {QByteArray("{\"FirstLaunch\": fal"), QByteArray("\x00\xff garbage", 10),
                                      QByteArray("[1, 2, 3]")}) {
+        SCOPED_TRACE(broken.toStdString());
         writeRawFile(broken);
         UserDefaults defaults(file());
         defaults.registerDefaults({{"FirstLaunch", true}});
@@ -110,7 +94,8 @@ TEST_F(UserDefaultsTest, AnUnreadableFileIsSetAsideAndTheStoreStartsEmpty)
 
 TEST_F(UserDefaultsTest, ValuesOfTheWrongShapeReadAsAbsent)
 {
-    writeRawFile(R"({"Flag": "yes", "Blob": "not base64 !!", "Number": 12, "List": {"a": 1}, "Text": ["x"]})");
+    writeRawFile(
+        R"({"Flag": "yes", "Blob": "not base64 !!", "Number": 12, "List": {"a": 1}, "Text": ["x"]})");
     UserDefaults defaults(file());
     defaults.registerDefaults({{"Flag", true}});
     EXPECT_TRUE(defaults.boolForKey("Flag"));
@@ -120,16 +105,6 @@ TEST_F(UserDefaultsTest, ValuesOfTheWrongShapeReadAsAbsent)
     EXPECT_FALSE(defaults.arrayForKey("Number").has_value());
     EXPECT_TRUE(defaults.arrayForKey("Text").has_value());
     EXPECT_FALSE(defaults.arrayForKey("Missing").has_value());
-}
-
-TEST_F(UserDefaultsTest, RemovingAKeyBringsTheDefaultBack)
-{
-    UserDefaults defaults(file());
-    defaults.registerDefaults({{"Flag", true}});
-    defaults.setBoolForKey(false, "Flag");
-    defaults.removeObjectForKey("Flag");
-    EXPECT_TRUE(defaults.boolForKey("Flag"));
-    EXPECT_FALSE(fileContents().contains("Flag"));
 }
 
 } // namespace

@@ -1,28 +1,10 @@
-#include "Helpers/Localizer.h"
-#include "app/iCloudPrefs.h"
-#include "engine/BackupStore.h"
 #include "engine/DirectoryCopier.h"
-#include "platform/UserDefaults.h"
 #include "support/MainWindowFixture.h"
-#include "support/FakeRunningApplications.h"
-#include "support/ScriptedAlertPresenter.h"
-#include "support/ScriptedChoosers.h"
-#include "support/ScriptedEventStream.h"
-#include "support/TestHome.h"
-#include "support/TreeBuilder.h"
-#include "ui/main/MainWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
-#include <QLabel>
 #include <QProgressBar>
-#include <QPushButton>
-#include <QSignalSpy>
 #include <QTableWidget>
-#include <QTimer>
 #include <future>
-#include <gtest/gtest.h>
-
-#include "support/QtPrinters.h"
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -38,44 +20,37 @@ protected:
         writeFileOfSize(iCloud() / "iCloud~com~example~Notes" / "Documents" / "note.txt", 300);
         makeSymlink("report.pages", iCloud() / "com~apple~CloudDocs" / "link");
     }
-    std::unique_ptr<MainWindowController> openWindow()
-    {
-        auto controller = MainWindowFixture::openWindow();
-        waitForSize(*controller);
-        return controller;
-    }
-    static bool backUp(MainWindowController& controller)
-    {
-        QSignalSpy finished(&controller, &MainWindowController::backUpFinished);
-        controller.backUpNow();
-        return runEventLoopUntil([&] { return finished.count() > 0; }, 20000);
-    }
     static std::vector<fs::path> entries(const fs::path& folder)
     {
         std::vector<fs::path> found;
-        if (!fs::exists(folder))
-            return found;
         for (const auto& entry : fs::recursive_directory_iterator(folder))
             found.push_back(entry.path().lexically_relative(folder));
         std::sort(found.begin(), found.end());
         return found;
     }
+    // Whether a backup is under way, and what the window shows of it.
+    static void expectIdle(MainWindowController& controller)
+    {
+        EXPECT_FALSE(controller.isiCloudBackingUp());
+        EXPECT_FALSE(controller.operationProgressWindow()->isVisible());
+        EXPECT_TRUE(controller.backUpNowBtn()->isEnabled());
+    }
 };
 
-TEST_F(BackUpNowTest, CopiesTheiCloudFolderIntoADatedFolderAndRecordsIt)
+TEST_F(BackUpNowTest, CopiesTheiCloudFolderIntoADatedFolderAndRecordsItAndASecondInTheSameSecondSharesIt)
 {
     makeiCloudFolder();
+    const QDateTime start = QDateTime::currentDateTime();
+    clock = [&] { return start; };
     auto controller = openWindow();
-    const QDateTime before = QDateTime::currentDateTime().addSecs(-1);
 
     ASSERT_TRUE(backUp(*controller));
 
     EXPECT_TRUE(alerts.shown.isEmpty()) << "no message on success";
     ASSERT_EQ(controller->backups().count(), 1);
     const BackupRecordRef record = controller->backups().last();
-    const fs::path folder = QFile::encodeName(record->backupFolder().value()).toStdString();
+    const fs::path folder = folderOf(record);
     EXPECT_EQ(folder.parent_path(), home.dataHome() / "Pelmora");
-    EXPECT_GE(record->backupDate().value(), before);
     EXPECT_EQ(folder.filename().string(),
               QLocale().toString(record->backupDate()->toLocalTime(), "yyyy.MM.dd-HH.mm.ss").toStdString());
     EXPECT_EQ(record->backupSize(), 1200 + 300 + 12) << "the counted size, link included, no .DS_Store";
@@ -84,35 +59,21 @@ TEST_F(BackUpNowTest, CopiesTheiCloudFolderIntoADatedFolderAndRecordsIt)
                                                       "iCloud~com~example~Notes/Documents",
                                                       "iCloud~com~example~Notes/Documents/note.txt"}));
     EXPECT_EQ(readFile(folder / "com~apple~CloudDocs" / "report.pages"), std::string(1200, 'x'));
-
-    UserDefaults later(UserDefaults::standardFilePath());
-    BackupStore stored(later);
-    stored.load();
-    ASSERT_EQ(stored.count(), 1);
-    EXPECT_EQ(stored.at(0)->backupFolder(), record->backupFolder());
-
-    EXPECT_FALSE(controller->isiCloudBackingUp());
-    EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
-    EXPECT_TRUE(controller->backUpNowBtn()->isEnabled());
+    EXPECT_EQ(storedFolders(), QStringList({*record->backupFolder()}));
+    expectIdle(*controller);
     EXPECT_TRUE(controller->restoreFromBackupBtn()->isEnabled());
     EXPECT_EQ(controller->currentCountOfCopiedItems(), 3);
     EXPECT_EQ(controller->backupsTable()->model()->rowCount(), 1);
     EXPECT_TRUE(controller->lastBackupInfoLabel()->text().startsWith(text("labelLastBackup") + ":\n"));
     EXPECT_FALSE(controller->lastBackupInfoLabel()->text().endsWith(text("labelLastBackupDateNever")));
-}
 
-TEST_F(BackUpNowTest, AnEmptyiCloudDriveMakesARecordOfZeroBytes)
-{
-    makeFolder(iCloud() / "com~apple~CloudDocs");
-    auto controller = openWindow();
     ASSERT_TRUE(backUp(*controller));
-    ASSERT_EQ(controller->backups().count(), 1);
-    EXPECT_EQ(controller->backups().last()->backupSize(), 0);
-    const fs::path folder = QFile::encodeName(*controller->backups().last()->backupFolder()).toStdString();
-    EXPECT_EQ(entries(folder), std::vector<fs::path>{"com~apple~CloudDocs"});
+    ASSERT_EQ(controller->backups().count(), 2);
+    EXPECT_EQ(controller->backups().at(1)->backupDate(), record->backupDate());
+    EXPECT_EQ(controller->backups().at(1)->backupFolder(), record->backupFolder());
 }
 
-TEST_F(BackUpNowTest, WithoutTheiCloudFolderOrItsDriveNothingHappensButAnAlert)
+TEST_F(BackUpNowTest, WithoutTheiCloudFolderOrItsDriveOnlyAnAlertButAnEmptyDriveMakesARecordOfZeroBytes)
 {
     auto controller = openWindow();
     controller->backUpNow();
@@ -127,35 +88,20 @@ TEST_F(BackUpNowTest, WithoutTheiCloudFolderOrItsDriveNothingHappensButAnAlert)
     ASSERT_EQ(driveRequired.buttons.size(), 1);
     EXPECT_EQ(driveRequired.buttons[0].title, Localizer::cancelButtonTitle());
     EXPECT_EQ(driveRequired.buttons[0].keyEquivalent, "\r");
-
-    EXPECT_FALSE(controller->isiCloudBackingUp());
-    EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
+    expectIdle(*controller);
     EXPECT_FALSE(fs::exists(home.dataHome() / "Pelmora"));
+
+    removeTree(iCloud() / "iCloud~com~example~Notes");
+    makeFolder(iCloud() / "com~apple~CloudDocs");
+    const QDateTime before = QDateTime::currentDateTime().addSecs(-1);
+    ASSERT_TRUE(backUp(*controller));
+    ASSERT_EQ(controller->backups().count(), 1);
+    EXPECT_EQ(controller->backups().last()->backupSize(), 0);
+    EXPECT_GE(controller->backups().last()->backupDate().value(), before) << "dated by the wall clock";
+    EXPECT_EQ(entries(folderOf(controller->backups().last())), std::vector<fs::path>{"com~apple~CloudDocs"});
 }
 
-TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehind)
-{
-    makeiCloudFolder();
-    auto controller = openWindow();
-    QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
-    controller->backUpNow();
-    ASSERT_TRUE(controller->operationProgressWindow()->isVisible());
-    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationPreparingToCopyItems"));
-    EXPECT_FALSE(controller->backUpNowBtn()->isEnabled());
-    // The count runs in the background; its result is handled on this thread, after this cancel.
-    controller->cancelCopying();
-    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled());
-    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCanceling"));
-
-    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() > 0; }));
-    EXPECT_FALSE(fs::exists(home.dataHome() / "Pelmora"));
-    EXPECT_EQ(controller->backups().count(), 0);
-    EXPECT_FALSE(controller->isiCloudBackingUp());
-    EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
-    EXPECT_TRUE(controller->backUpNowBtn()->isEnabled());
-}
-
-TEST_F(BackUpNowTest, CancelDuringTheCopyRemovesThePartialFolder)
+TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRemovesThePartialFolder)
 {
     makeiCloudFolder();
     for (int i = 0; i < 20; ++i)
@@ -175,6 +121,19 @@ TEST_F(BackUpNowTest, CancelDuringTheCopyRemovesThePartialFolder)
     auto controller = openWindow();
     QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
     controller->backUpNow();
+    ASSERT_TRUE(controller->operationProgressWindow()->isVisible());
+    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationPreparingToCopyItems"));
+    EXPECT_FALSE(controller->backUpNowBtn()->isEnabled());
+    // The count runs in the background; its result is handled on this thread, after this cancel.
+    controller->cancelCopying();
+    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled());
+    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCanceling"));
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() == 1; }));
+    EXPECT_FALSE(fs::exists(home.dataHome() / "Pelmora"));
+    EXPECT_EQ(controller->backups().count(), 0);
+    expectIdle(*controller);
+
+    controller->backUpNow();
     ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
     EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCopyingDataFromiCloud"));
     EXPECT_GT(controller->copyingTotalProgressIndicator()->value(), 0);
@@ -182,25 +141,11 @@ TEST_F(BackUpNowTest, CancelDuringTheCopyRemovesThePartialFolder)
     EXPECT_TRUE(QFileInfo(folder).isDir());
     controller->cancelCopying();
     cancelled.set_value();
-
-    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() > 0; }));
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() == 2; }));
     EXPECT_FALSE(QFileInfo::exists(folder));
     EXPECT_EQ(controller->backups().count(), 0);
-    EXPECT_FALSE(controller->isiCloudBackingUp());
     EXPECT_LT(controller->currentCountOfCopiedItems(), 24);
-}
-
-TEST_F(BackUpNowTest, TwoBackupsInOneSecondShareAFolder)
-{
-    makeiCloudFolder();
-    const QDateTime start = QDateTime::currentDateTime();
-    clock = [&] { return start; };
-    auto controller = openWindow();
-    ASSERT_TRUE(backUp(*controller));
-    ASSERT_TRUE(backUp(*controller));
-    ASSERT_EQ(controller->backups().count(), 2);
-    EXPECT_EQ(*controller->backups().at(0)->backupDate(), *controller->backups().at(1)->backupDate());
-    EXPECT_EQ(controller->backups().at(0)->backupFolder(), controller->backups().at(1)->backupFolder());
+    expectIdle(*controller);
 }
 
 TEST_F(BackUpNowTest, ASandboxedStartWithoutAHomeAsksForItFirst)
@@ -222,24 +167,27 @@ TEST_F(BackUpNowTest, ASandboxedStartWithoutAHomeAsksForItFirst)
     EXPECT_EQ(controller->backups().count(), 1);
 }
 
+// Notes runs and uses two containers; the backup has asked it to quit.
 class QuitAppsTest : public BackUpNowTest {
 protected:
-    QuitAppsTest()
+    void SetUp() override
     {
         makeiCloudFolder();
         makeFolder(iCloud() / "com~example~Notes~Shared");
         applications.add(42, QString("com.example.Notes"), "Notes");
+        controller = openWindow();
+        controller->backUpNow();
+        request = controller->quitAppsController();
+        ASSERT_NE(request, nullptr);
     }
+
+    std::unique_ptr<MainWindowController> controller;
+    QuitAppsRequestWindowController* request = nullptr;
 };
 
 TEST_F(QuitAppsTest, ABackupWaitsForTheAppsThatUseiCloudAndGoesOnWhenTheyQuit)
 {
-    auto controller = openWindow();
     QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
-    controller->backUpNow();
-
-    QuitAppsRequestWindowController* request = controller->quitAppsController();
-    ASSERT_NE(request, nullptr);
     EXPECT_TRUE(request->isVisible());
     EXPECT_TRUE(controller->isiCloudBackingUp());
     EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
@@ -249,6 +197,11 @@ TEST_F(QuitAppsTest, ABackupWaitsForTheAppsThatUseiCloudAndGoesOnWhenTheyQuit)
     EXPECT_EQ(QuitAppsRequestWindowController::tagOf(request->backUpNowOrRestoreBtn()), 0);
     ASSERT_EQ(request->appsToQuitTable()->rowCount(), 2) << "listed once per container it uses";
     EXPECT_EQ(request->appsToQuitTable()->item(0, 0)->text(), "Notes");
+
+    request->activateApp(-1);
+    EXPECT_TRUE(applications.activated.isEmpty());
+    request->activateApp(1);
+    EXPECT_EQ(applications.activated, QList<pid_t>({42, 42})) << "a double click brings it forward twice";
 
     request->backUpNowOrRestoreBtn()->click();
     EXPECT_TRUE(request->isVisible()) << "the button only brings the window forward while Notes runs";
@@ -261,11 +214,8 @@ TEST_F(QuitAppsTest, ABackupWaitsForTheAppsThatUseiCloudAndGoesOnWhenTheyQuit)
     EXPECT_EQ(controller->backups().count(), 1);
 }
 
-TEST_F(QuitAppsTest, AnAppStartedMeanwhileKeepsTheRequestOpen)
+TEST_F(QuitAppsTest, AnAppStartedMeanwhileKeepsTheRequestOpenUntilCancelOrClosingGivesTheBackupUp)
 {
-    auto controller = openWindow();
-    controller->backUpNow();
-    QuitAppsRequestWindowController* request = controller->quitAppsController();
     applications.remove(42);
     applications.add(43, QString("com.example"), "Example Helper");
     ASSERT_TRUE(runEventLoopUntil([&] {
@@ -274,13 +224,7 @@ TEST_F(QuitAppsTest, AnAppStartedMeanwhileKeepsTheRequestOpen)
     EXPECT_TRUE(request->isVisible());
     EXPECT_NE(request->checkAppsStateTimer(), nullptr);
     EXPECT_TRUE(controller->isiCloudBackingUp());
-}
 
-TEST_F(QuitAppsTest, CancelOrClosingGivesTheBackupUpAndStopsTheCheck)
-{
-    auto controller = openWindow();
-    controller->backUpNow();
-    QuitAppsRequestWindowController* request = controller->quitAppsController();
     request->cancelBtn()->click();
     EXPECT_FALSE(request->isVisible());
     EXPECT_FALSE(controller->isiCloudBackingUp());
@@ -293,18 +237,6 @@ TEST_F(QuitAppsTest, CancelOrClosingGivesTheBackupUpAndStopsTheCheck)
     EXPECT_FALSE(controller->isiCloudBackingUp());
     EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
     EXPECT_EQ(controller->backups().count(), 0);
-}
-
-TEST_F(QuitAppsTest, ADoubleClickBringsTheAppForwardTwice)
-{
-    auto controller = openWindow();
-    controller->backUpNow();
-    QuitAppsRequestWindowController* request = controller->quitAppsController();
-    request->activateApp(-1);
-    EXPECT_TRUE(applications.activated.isEmpty());
-    request->activateApp(1);
-    EXPECT_EQ(applications.activated, QList<pid_t>({42, 42}));
-    request->cancelBtnAction();
 }
 
 } // namespace

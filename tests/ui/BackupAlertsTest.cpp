@@ -1,43 +1,28 @@
-#include "Helpers/Localizer.h"
-#include "app/iCloudPrefs.h"
-#include "platform/UserDefaults.h"
-#include "support/ScriptedAlertPresenter.h"
-#include "support/TestHome.h"
+#include "support/MainWindowFixture.h"
 #include "ui/main/BackupAlerts.h"
-
-#include <gtest/gtest.h>
-
-#include "support/QtPrinters.h"
 
 namespace {
 
-QString text(const char* key)
-{
-    return Localizer::localizedStringForKey(QString::fromLatin1(key));
-}
-
-class BackupAlertsTest : public ::testing::Test {
+class BackupAlertsTest : public TestWorld {
 protected:
     BackupAlertsTest()
+        : TestWorld("de")
     {
-        Localizer::Resources german;
-        german.userLanguages = QStringList{"de"};
-        Localizer::setResources(german);
-        iCloudPrefs::registerDefaults(defaults);
     }
-    ~BackupAlertsTest() override { Localizer::setResources(Localizer::Resources{}); }
 
-    TestHome home;
-    UserDefaults defaults{UserDefaults::standardFilePath()};
-    ScriptedAlertPresenter presenter;
-    BackupAlerts alerts{presenter, defaults};
+    BackupAlerts dialogs{alerts, defaults};
 };
 
-TEST_F(BackupAlertsTest, TheRemoveConfirmationAsksYesOrNoWithADontAskAgainBox)
+TEST_F(BackupAlertsTest, ConfirmationsAskYesOrNoAndOnlyTheRemoveOneRemembersATickedBox)
 {
-    presenter.answers = {AlertResponse{1001, false}};
-    EXPECT_EQ(alerts.runRemoveBackupConfirmationDlg(), 1001);
-    const Alert& alert = presenter.shown.at(0);
+    alerts.answers = {AlertResponse{1000, true}, AlertResponse{1001, false}, AlertResponse{1001, true}};
+    EXPECT_EQ(dialogs.runRestoreConfirmationDlg(), 1000);
+    EXPECT_FALSE(alerts.shown.at(0).showsSuppressionButton);
+    EXPECT_EQ(alerts.shown.at(0).messageText, text("alertRestoreWarningMessage"));
+    EXPECT_FALSE(iCloudPrefs::dontAskAgainRemoveBackup(defaults)) << "the restore one stores nothing";
+
+    EXPECT_EQ(dialogs.runRemoveBackupConfirmationDlg(), 1001);
+    const Alert& alert = alerts.shown.at(1);
     EXPECT_EQ(alert.style, Alert::Style::Warning);
     EXPECT_EQ(alert.messageText, text("alertDeleteBackupMessage"));
     EXPECT_EQ(alert.informativeText, text("alertConfirmInformativeText"));
@@ -49,42 +34,30 @@ TEST_F(BackupAlertsTest, TheRemoveConfirmationAsksYesOrNoWithADontAskAgainBox)
     EXPECT_TRUE(alert.showsSuppressionButton);
     EXPECT_EQ(alert.suppressionButtonTitle, Localizer::dontAskAgainButtonTitle());
     EXPECT_FALSE(iCloudPrefs::dontAskAgainRemoveBackup(defaults));
-}
 
-TEST_F(BackupAlertsTest, ATickedBoxIsRememberedWhateverTheAnswer)
-{
-    presenter.answers = {AlertResponse{1001, true}};
-    EXPECT_EQ(alerts.runRemoveBackupConfirmationDlg(), 1001);
-    EXPECT_TRUE(iCloudPrefs::dontAskAgainRemoveBackup(UserDefaults(UserDefaults::standardFilePath())));
-}
-
-TEST_F(BackupAlertsTest, TheRestoreConfirmationNeverStoresAnything)
-{
-    presenter.answers = {AlertResponse{1000, true}};
-    EXPECT_EQ(alerts.runRestoreConfirmationDlg(), 1000);
-    EXPECT_FALSE(presenter.shown.at(0).showsSuppressionButton);
-    EXPECT_EQ(presenter.shown.at(0).messageText, text("alertRestoreWarningMessage"));
-    EXPECT_FALSE(iCloudPrefs::dontAskAgainRemoveBackup(defaults));
+    EXPECT_EQ(dialogs.runRemoveBackupConfirmationDlg(), 1001);
+    EXPECT_TRUE(iCloudPrefs::dontAskAgainRemoveBackup(UserDefaults(UserDefaults::standardFilePath())))
+        << "a ticked box is remembered whatever the answer";
 }
 
 TEST_F(BackupAlertsTest, NoticesHaveOneOkButtonAndTheTextsOfTheirCase)
 {
-    alerts.runNotEnoughDiskSpaceAlert(true);
-    alerts.runNotEnoughDiskSpaceAlert(false);
-    alerts.runNotAvailableiCloudAlert(false);
-    alerts.runNotAvailableiCloudAlert(true);
-    alerts.runBackupNotFoundAlert();
-    alerts.runBadHomeDirectoryAlert();
-    alerts.runNoBackupSelectedAlert();
-    ASSERT_EQ(presenter.shown.size(), 7);
-    EXPECT_EQ(presenter.shown[0].informativeText, text("alertNotEnoughDiskSpaceToBackUpInfo"));
-    EXPECT_EQ(presenter.shown[1].informativeText, text("alertNotEnoughDiskSpaceToRestoreInfo"));
-    EXPECT_EQ(presenter.shown[2].messageText, text("alertNotAvailableiCloudWarningMessage"));
-    EXPECT_EQ(presenter.shown[3].messageText, text("alertNotAvailableiCloudInYosemiteWarningMessage"));
-    EXPECT_EQ(presenter.shown[4].messageText, text("alertBackupNotFoundMessage"));
-    EXPECT_EQ(presenter.shown[5].informativeText, text("alertBadDirectoryInformativeText"));
-    EXPECT_EQ(presenter.shown[6].informativeText, text("alertNoBackupSelectedInformativeText"));
-    for (const Alert& alert : presenter.shown) {
+    dialogs.runNotEnoughDiskSpaceAlert(true);
+    dialogs.runNotEnoughDiskSpaceAlert(false);
+    dialogs.runNotAvailableiCloudAlert(false);
+    dialogs.runNotAvailableiCloudAlert(true);
+    dialogs.runBackupNotFoundAlert();
+    dialogs.runBadHomeDirectoryAlert();
+    dialogs.runNoBackupSelectedAlert();
+    ASSERT_EQ(alerts.shown.size(), 7);
+    EXPECT_EQ(alerts.shown[0].informativeText, text("alertNotEnoughDiskSpaceToBackUpInfo"));
+    EXPECT_EQ(alerts.shown[1].informativeText, text("alertNotEnoughDiskSpaceToRestoreInfo"));
+    EXPECT_EQ(alerts.shown[2].messageText, text("alertNotAvailableiCloudWarningMessage"));
+    EXPECT_EQ(alerts.shown[3].messageText, text("alertNotAvailableiCloudInYosemiteWarningMessage"));
+    EXPECT_EQ(alerts.shown[4].messageText, text("alertBackupNotFoundMessage"));
+    EXPECT_EQ(alerts.shown[5].informativeText, text("alertBadDirectoryInformativeText"));
+    EXPECT_EQ(alerts.shown[6].informativeText, text("alertNoBackupSelectedInformativeText"));
+    for (const Alert& alert : alerts.shown) {
         ASSERT_EQ(alert.buttons.size(), 1);
         EXPECT_EQ(alert.buttons[0].title, Localizer::okButtonTitle());
         EXPECT_EQ(alert.buttons[0].keyEquivalent, "\r");
