@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Times the backup copy against cp -a, checks what it copied, and checks its memory.
 
-    copy_bench.py [--rounds N] [--big-rounds N] [--big-file-mb M] [--settle S] [--skip-many] [--skip-big]
+    copy_bench.py [--rounds N] [--big-rounds N] [--big-file-mb M] [--big-on DIR] [--settle S]
+                  [--skip-many] [--skip-big]
 
 Two trees are copied: the generated 100,000-file tree, and a tree of a few multi-gigabyte files made here
 once. The machines are shared and small, so the two programs are run alternately, round after round,
@@ -18,7 +19,9 @@ times no less.) Even so, single copies of the big files spread from under one se
 (the copy is held back while the host's disk takes the write-back, and the host's own load varies). The page cache does not hold still either: this machine's memory manager pages
 out file data left unread for a few seconds, so a copy taking longer than that reads part of its source
 from disk again, as it would on a user's machine after a while. Single rounds therefore spread widely;
-only the median over several rounds means something. The root file system here is ext4
+only the median over several rounds means something. --big-on /dev/shm/... puts the big files and their
+copies on a tmpfs instead: there both programs copy page cache to page cache and the host's disk has no
+say, which leaves what the two programs themselves cost. The root file system here is ext4
 without a journal, which will not reuse the inodes of files deleted in the last minute or so: creating
 many files right after deleting many is slow for that long. So the copies of the many-file tree are kept
 until the round is over, when they are deleted and the script waits --settle seconds before going on.
@@ -48,7 +51,10 @@ import time
 import measure_bench as common
 
 WORK_DIR = os.path.join(common.OUT_DIR, "copies")
-BIG_TREE = os.path.join(common.OUT_DIR, "tree-big")
+# Where the big-file tree and its copies go; --big-on moves both to another file system.
+BIG_ROOT = common.OUT_DIR
+BIG_TREE = os.path.join(BIG_ROOT, "tree-big")
+BIG_WORK_DIR = WORK_DIR
 BIG_FILES = 3
 DEFAULT_BIG_FILE_MB = 1536
 MIN_BIG_FILE_MB = 256
@@ -122,13 +128,14 @@ def remove(path):
     subprocess.run(["rm", "-rf", "--", path], check=True)
 
 
-def fresh_destination(label):
-    os.makedirs(WORK_DIR, exist_ok=True)
+def fresh_destination(label, work_dir=None):
+    work_dir = work_dir or WORK_DIR
+    os.makedirs(work_dir, exist_ok=True)
     for index in range(1_000_000):
-        path = os.path.join(WORK_DIR, "%s-%d" % (label, index))
+        path = os.path.join(work_dir, "%s-%d" % (label, index))
         if not os.path.lexists(path):
             return path
-    sys.exit("no fresh destination name under %s" % WORK_DIR)
+    sys.exit("no fresh destination name under %s" % work_dir)
 
 
 def has_clutter(relative):
@@ -158,11 +165,11 @@ def parse_figures(stdout):
     return int(match.group(1)), int(match.group(2)), match.group(3) == b"true"
 
 
-def timed_copy(name, tree, label, size):
+def timed_copy(name, tree, label, size, work_dir):
     """Returns the copy's time, the whole process's wall time and the copy's path. For cp -a the two
     times are the same; for pelmora-bench the first leaves out the start of the process (loading Qt),
     which the program has behind it when a backup starts."""
-    destination = fresh_destination(label)
+    destination = fresh_destination(label, work_dir)
     warm(tree)
     sync()
     prime_memory(size + (1 << 30))
@@ -180,7 +187,7 @@ def timed_copy(name, tree, label, size):
     return float(match.group(1)) / 1000, wall, destination
 
 
-def time_rounds(label, tree, rounds, settle, cleanup):
+def time_rounds(label, tree, rounds, settle, cleanup, work_dir=None):
     """cleanup: "each copy" deletes a copy before the next one is made (so that every run starts with the
     same free memory: a kept copy of the big files made the second run of every round the slow one),
     "each round" deletes both copies after a round, "at the end" keeps them for the caller to delete."""
@@ -195,7 +202,7 @@ def time_rounds(label, tree, rounds, settle, cleanup):
         this_round = {}
         copies = []
         for name in order:
-            seconds, process_wall, destination = timed_copy(name, tree, "%s-%s" % (label, name), size)
+            seconds, process_wall, destination = timed_copy(name, tree, "%s-%s" % (label, name), size, work_dir)
             walls[name].append(seconds)
             this_round[name] = seconds
             if name == "pelmora":
@@ -342,9 +349,9 @@ def ensure_big_tree(file_mb):
 
 def big_file_mb(requested, rounds_kept):
     """Scales the big files down when the disk cannot hold the tree and the copies of a round."""
-    os.makedirs(common.OUT_DIR, exist_ok=True)
+    os.makedirs(BIG_ROOT, exist_ok=True)
     existing = tree_bytes(BIG_TREE) if os.path.isdir(BIG_TREE) else 0
-    available = free_bytes(common.OUT_DIR) + existing - SPACE_MARGIN
+    available = free_bytes(BIG_ROOT) + existing - SPACE_MARGIN
     fits = available // ((1 + rounds_kept) * BIG_FILES) >> 20
     if fits >= requested:
         return requested
@@ -394,16 +401,28 @@ def many_files_phase(args):
     return ratio_ok and copy_ok and memory_ok
 
 
+def place_big_files(root):
+    global BIG_ROOT, BIG_TREE, BIG_WORK_DIR
+    BIG_ROOT = os.path.abspath(root)
+    BIG_TREE = os.path.join(BIG_ROOT, "tree-big")
+    BIG_WORK_DIR = os.path.join(BIG_ROOT, "copies")
+
+
+def file_system_of(path):
+    result = subprocess.run(["stat", "-f", "-c", "%T", path], stdout=subprocess.PIPE, text=True)
+    return result.stdout.strip() or "an unknown file system"
+
+
 def big_files_phase(args):
     file_mb = big_file_mb(args.big_file_mb, 2)
     ensure_big_tree(file_mb)
-    print("big files: %d x %d MiB" % (BIG_FILES, file_mb))
+    print("big files: %d x %d MiB on %s" % (BIG_FILES, file_mb, file_system_of(BIG_ROOT)))
     # Few files: deleting them costs the next copy nothing, so each copy goes right away.
     walls, ratios, process_ratios, _ = time_rounds("big", BIG_TREE, args.big_rounds, min(args.settle, 10),
-                                                   "each copy")
+                                                   "each copy", BIG_WORK_DIR)
     print()
     ratio_ok = report_ratios("big files", walls, ratios, process_ratios, TARGET_BIG)
-    destination = fresh_destination("check-big")
+    destination = fresh_destination("check-big", BIG_WORK_DIR)
     _, _, stdout, _ = common.run(pelmora_argv(BIG_TREE, destination))
     copy_ok = check_copy("big files", BIG_TREE, destination, stdout)
     remove(destination)
@@ -418,6 +437,9 @@ def main():
                         help="size of each big file in MiB (default %(default)s)")
     parser.add_argument("--settle", type=float, default=75,
                         help="seconds to wait after deleting many files (default %(default)s)")
+    parser.add_argument("--big-on", metavar="DIR",
+                        help="make the big-file tree and its copies under DIR, e.g. a tmpfs, where the host's "
+                             "disk does not set the pace (default: next to the other trees)")
     parser.add_argument("--skip-many", action="store_true", help="leave out the many-file tree")
     parser.add_argument("--skip-big", action="store_true", help="leave out the big files")
     args = parser.parse_args()
@@ -426,6 +448,8 @@ def main():
     if not shutil.which("rsync"):
         sys.exit("rsync is needed to check the copies: apt-get install rsync")
 
+    if args.big_on:
+        place_big_files(args.big_on)
     common.build()
     remove(WORK_DIR)
     ok = True
@@ -435,6 +459,7 @@ def main():
     if not args.skip_big:
         ok = big_files_phase(args) and ok
     remove(WORK_DIR)
+    remove(BIG_WORK_DIR)
     return 0 if ok else 1
 
 
