@@ -165,17 +165,24 @@ def parse_figures(stdout):
     return int(match.group(1)), int(match.group(2)), match.group(3) == b"true"
 
 
+def prepared_run(argv, tree, size):
+    """Runs one copy of `tree` from the same start as every other (see above). Returns the process's wall
+    time, its stdout and its stderr."""
+    warm(tree)
+    sync()
+    prime_memory(size + (1 << 30))
+    wall, _, stdout, stderr = common.run(argv)
+    sync()
+    return wall, stdout, stderr
+
+
 def timed_copy(name, tree, label, size, work_dir):
     """Returns the copy's time, the whole process's wall time and the copy's path. For cp -a the two
     times are the same; for pelmora-bench the first leaves out the start of the process (loading Qt),
     which the program has behind it when a backup starts."""
     destination = fresh_destination(label, work_dir)
-    warm(tree)
-    sync()
-    prime_memory(size + (1 << 30))
     argv = pelmora_argv(tree, destination) if name == "pelmora" else cp_argv(tree, destination)
-    wall, _, stdout, stderr = common.run(argv)
-    sync()
+    wall, stdout, stderr = prepared_run(argv, tree, size)
     if name == "cp":
         return wall, wall, destination
     _, _, finished = parse_figures(stdout)

@@ -43,11 +43,8 @@ def argv_for(name, source, destination):
 
 def timed(name, size):
     destination = copy_bench.fresh_destination(name, copy_bench.BIG_WORK_DIR)
-    copy_bench.warm(copy_bench.BIG_TREE)
-    copy_bench.sync()
-    copy_bench.prime_memory(size + (1 << 30))
-    wall, _, _, stderr = common.run(argv_for(name, copy_bench.BIG_TREE, destination))
-    copy_bench.sync()
+    wall, _, stderr = copy_bench.prepared_run(argv_for(name, copy_bench.BIG_TREE, destination),
+                                              copy_bench.BIG_TREE, size)
     copy_bench.remove(destination)
     copy_bench.sync()
     if name == "cp":
