@@ -5,6 +5,7 @@
 #include <QProgressBar>
 #include <QTableWidget>
 #include <future>
+#include <sys/mount.h>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -146,6 +147,25 @@ TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRem
     EXPECT_EQ(controller->backups().count(), 0);
     EXPECT_LT(controller->currentCountOfCopiedItems(), 24);
     expectIdle(*controller);
+}
+
+TEST_F(BackUpNowTest, AFolderLargerThanTheFreeSpaceOnItsOwnVolumeStopsWithTheBackupTextBeforeAnyCopy)
+{
+    // The iCloud folder on a volume of 1 MiB holding 700 KiB: less is free than the folder holds.
+    makeFolder(iCloud());
+    if (::mount("tmpfs", iCloud().c_str(), "tmpfs", 0, "size=1m") != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs here";
+    writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "big.bin", 700 * 1024);
+    auto controller = openWindow();
+
+    const bool ended = backUp(*controller);
+    controller.reset();
+    ::umount(iCloud().c_str());
+    ASSERT_TRUE(ended);
+    ASSERT_EQ(alerts.shown.size(), 1);
+    EXPECT_EQ(alerts.shown[0].informativeText, text("alertNotEnoughDiskSpaceToBackUpInfo"));
+    EXPECT_TRUE(storedFolders().isEmpty());
+    EXPECT_FALSE(fs::exists(home.dataHome() / "Pelmora")) << "no backup folder is made";
 }
 
 TEST_F(BackUpNowTest, ASandboxedStartWithoutAHomeAsksForItFirst)
