@@ -14,7 +14,6 @@ the minimal copier's times are their own copy times; cp -a's is its process's wa
 
 import argparse
 import os
-import re
 import statistics
 import subprocess
 import sys
@@ -24,7 +23,6 @@ import measure_bench as common
 
 MINIMAL_SOURCE = os.path.join(common.BENCH_DIR, "minimal_copier.c")
 MINIMAL_BINARY = os.path.join(common.OUT_DIR, "minimal_copier")
-COPY_TIME = re.compile(rb"copy_ms=([0-9.]+)")
 
 
 def build_minimal():
@@ -49,7 +47,7 @@ def timed(name, size):
     copy_bench.sync()
     if name == "cp":
         return wall
-    match = COPY_TIME.search(stderr)
+    match = copy_bench.COPY_TIME.search(stderr)
     if not match:
         sys.exit("%s printed no copy_ms: %r" % (name, stderr))
     return float(match.group(1)) / 1000
