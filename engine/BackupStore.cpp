@@ -19,23 +19,23 @@ void BackupStore::load()
         m_records.append(BackupRecord::fromStored(element));
 }
 
-void BackupStore::append(const BackupRecordRef& record)
+bool BackupStore::append(const BackupRecordRef& record)
 {
     m_records.append(record);
-    save();
+    return save();
 }
 
-void BackupStore::removeAt(qsizetype index)
+bool BackupStore::removeAt(qsizetype index)
 {
     m_records.removeAt(index);
-    save();
+    return save();
 }
 
-void BackupStore::save()
+bool BackupStore::save()
 {
     QVariantList stored;
     stored.reserve(m_records.size());
     for (const BackupRecordRef& record : m_records)
         stored.append(record->stored());
-    m_defaults.setObjectForKey(stored, iCloudPrefs::kBackupsKey);
+    return m_defaults.setObjectForKey(stored, iCloudPrefs::kBackupsKey);
 }

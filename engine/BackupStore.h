@@ -15,8 +15,10 @@ public:
 
     // Starts over from an empty list and takes the stored elements in their stored order.
     void load();
-    void append(const BackupRecordRef& record);
-    void removeAt(qsizetype index);
+    // The list in memory changes either way; the answer is whether the whole list then reached the disk.
+    // One that did not is saved whole by the next change that gets through.
+    bool append(const BackupRecordRef& record);
+    bool removeAt(qsizetype index);
 
     qsizetype count() const { return m_records.size(); }
     bool isEmpty() const { return m_records.isEmpty(); }
@@ -25,7 +27,7 @@ public:
     const QList<BackupRecordRef>& records() const { return m_records; }
 
 private:
-    void save();
+    bool save();
 
     UserDefaults& m_defaults;
     QList<BackupRecordRef> m_records;

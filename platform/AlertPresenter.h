@@ -14,6 +14,8 @@ struct Alert {
     Style style = Style::Warning;
     QString messageText;
     QString informativeText;
+    // Shown under a Details button, for a list too long for the alert itself; empty: no button.
+    QString detailedText;
     QList<Button> buttons;
     bool showsSuppressionButton = false;
     QString suppressionButtonTitle;

@@ -30,6 +30,8 @@ AlertResponse MessageBoxAlertPresenter::runModal(const Alert& alert)
     box.setWindowTitle(QApplication::applicationName());
     box.setText(alert.messageText);
     box.setInformativeText(alert.informativeText);
+    if (!alert.detailedText.isEmpty())
+        box.setDetailedText(alert.detailedText);
     QList<QPushButton*> buttons;
     for (const Alert::Button& button : alert.buttons) {
         // Roles only place the buttons; the answer is the button's position in the alert.

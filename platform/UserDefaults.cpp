@@ -11,6 +11,12 @@
 #include <QJsonObject>
 #include <QStandardPaths>
 
+#include <cerrno>
+#include <fcntl.h>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 // Binary data has no JSON form: it is kept as a base64 string.
@@ -41,6 +47,81 @@ QSettings::Format jsonFormat()
     return format;
 }
 
+// Creates the missing folders of `folder` one at a time, so that the error is the one of the component
+// that stopped it (a file in the way reads as "Not a directory", not as "File exists").
+int makeFolders(const QByteArray& folder)
+{
+    for (qsizetype slash = folder.indexOf('/', 1);; slash = folder.indexOf('/', slash + 1)) {
+        const QByteArray prefix = slash < 0 ? folder : folder.left(slash);
+        struct stat info {};
+        if (::stat(prefix.constData(), &info) == 0) {
+            if (!S_ISDIR(info.st_mode))
+                return ENOTDIR;
+        } else if (errno != ENOENT) {
+            return errno;
+        } else if (::mkdir(prefix.constData(), 0777) != 0 && errno != EEXIST) {
+            return errno;
+        }
+        if (slash < 0)
+            return 0;
+    }
+}
+
+// Does what a save does in `folder` (a new file next to the old one, written and flushed) with a file of
+// its own, which is then removed.
+int probeFolder(const QByteArray& folder, const QByteArray& fileName, qint64 bytes)
+{
+    QByteArray probePath = folder + "/." + fileName + ".probe-XXXXXX";
+    const int fd = ::mkstemp(probePath.data()); // O_CREAT | O_EXCL
+    if (fd < 0)
+        return errno;
+    int error = 0;
+    const QByteArray block(bytes, '\n');
+    qsizetype done = 0;
+    while (error == 0 && done < block.size()) {
+        const ssize_t written = ::write(fd, block.constData() + done, static_cast<size_t>(block.size() - done));
+        if (written < 0 && errno != EINTR)
+            error = errno;
+        else if (written == 0)
+            error = ENOSPC;
+        else if (written > 0)
+            done += written;
+    }
+    if (error == 0 && ::fsync(fd) != 0)
+        error = errno;
+    if (::close(fd) != 0 && error == 0)
+        error = errno;
+    ::unlink(probePath.constData());
+    return error;
+}
+
+// QSettings reports any failed save as AccessError, which tells the user nothing. The save is retraced
+// with calls that give the system's reason; 0 when none of them fails (the cause went away meanwhile).
+int writeObstacle(const QString& filePath)
+{
+    const QFileInfo file(filePath);
+    const QByteArray path = QFile::encodeName(file.absoluteFilePath());
+    qint64 currentSize = 0;
+    struct stat info {};
+    if (::stat(path.constData(), &info) == 0) {
+        if (S_ISDIR(info.st_mode))
+            return EISDIR;
+        // QSettings will not replace a file it could not open for writing, even in a writable folder.
+        const int fd = ::open(path.constData(), O_WRONLY | O_CLOEXEC);
+        if (fd < 0)
+            return errno;
+        ::close(fd);
+        currentSize = info.st_size;
+    } else if (errno != ENOENT) {
+        return errno;
+    }
+    const QByteArray folder = QFile::encodeName(file.absolutePath());
+    if (const int error = makeFolders(folder))
+        return error;
+    // Room for the new contents, which are about the size of the old ones.
+    return probeFolder(folder, QFile::encodeName(file.fileName()), currentSize + 4096);
+}
+
 } // namespace
 
 UserDefaults::UserDefaults(const QString& filePath)
@@ -69,9 +150,17 @@ QString UserDefaults::filePath() const
 
 void UserDefaults::open()
 {
+    // Without the folder the store still works for this session: each write then says it failed, and
+    // QSettings tries to make the folder again at every save.
     QDir().mkpath(QFileInfo(m_filePath).absolutePath());
-    m_settings = std::make_unique<QSettings>(m_filePath, jsonFormat());
-    m_settings->setAtomicSyncRequired(true);
+    m_settings = makeSettings();
+}
+
+std::unique_ptr<QSettings> UserDefaults::makeSettings() const
+{
+    auto settings = std::make_unique<QSettings>(m_filePath, jsonFormat());
+    settings->setAtomicSyncRequired(true);
+    return settings;
 }
 
 void UserDefaults::setAsideUnreadableFile()
@@ -83,9 +172,38 @@ void UserDefaults::setAsideUnreadableFile()
         m_setAsideFilePath.clear();
 }
 
-void UserDefaults::flush()
+void UserDefaults::setWriteFailureObserver(std::function<void(const WriteFailure&)> observer)
+{
+    m_writeFailureObserver = std::move(observer);
+}
+
+// QSettings keeps the first error it met for the life of the instance, so once a save has failed its
+// status says nothing about the next one. A new instance starts clean and still carries the changes the
+// failed save left pending: QSettings holds one state per file for all its instances, and the new one is
+// made before the old one goes so that state is never let go of.
+void UserDefaults::prepareForWrite()
+{
+    if (m_settings->status() == QSettings::NoError)
+        return;
+    std::unique_ptr<QSettings> fresh = makeSettings();
+    m_settings = std::move(fresh);
+}
+
+// A failed save leaves its changes pending in QSettings, which keeps answering reads with them and writes
+// them at the next save that gets through.
+bool UserDefaults::flush()
 {
     m_settings->sync();
+    if (m_settings->status() == QSettings::NoError) {
+        m_lastWriteFailure.reset();
+        return true;
+    }
+    const int cause = writeObstacle(m_filePath);
+    m_lastWriteFailure = WriteFailure{
+        m_filePath, cause != 0 ? qt_error_string(cause) : QStringLiteral("The file could not be saved")};
+    if (m_writeFailureObserver)
+        m_writeFailureObserver(*m_lastWriteFailure);
+    return false;
 }
 
 void UserDefaults::registerDefaults(const QVariantMap& defaults)
@@ -131,24 +249,26 @@ std::optional<QVariantList> UserDefaults::arrayForKey(const QString& key) const
     return stored.toList();
 }
 
-void UserDefaults::setObjectForKey(const QVariant& value, const QString& key)
+bool UserDefaults::setObjectForKey(const QVariant& value, const QString& key)
 {
+    prepareForWrite();
     m_settings->setValue(key, value);
-    flush();
+    return flush();
 }
 
-void UserDefaults::setBoolForKey(bool value, const QString& key)
+bool UserDefaults::setBoolForKey(bool value, const QString& key)
 {
-    setObjectForKey(value, key);
+    return setObjectForKey(value, key);
 }
 
-void UserDefaults::setDataForKey(const QByteArray& value, const QString& key)
+bool UserDefaults::setDataForKey(const QByteArray& value, const QString& key)
 {
-    setObjectForKey(QString::fromLatin1(value.toBase64()), key);
+    return setObjectForKey(QString::fromLatin1(value.toBase64()), key);
 }
 
-void UserDefaults::removeObjectForKey(const QString& key)
+bool UserDefaults::removeObjectForKey(const QString& key)
 {
+    prepareForWrite();
     m_settings->remove(key);
-    flush();
+    return flush();
 }

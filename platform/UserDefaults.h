@@ -4,6 +4,7 @@
 #include <QSettings>
 #include <QString>
 #include <QVariant>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -13,8 +14,17 @@
 // Every write is flushed at once through QSettings' atomic save (a temporary file renamed over the old
 // one), so a crash right after a write keeps it. A file that cannot be parsed is moved aside (nothing is
 // lost) and the store starts empty; a stored value of the wrong type reads as absent.
+//
+// A write that cannot reach the disk (read-only volume, full disk, a folder where the file should be) still
+// changes the value for the rest of the session, and the next write that gets through saves it along with
+// everything else. Each write says whether it reached the disk, and an observer hears of every failure.
 class UserDefaults {
 public:
+    struct WriteFailure {
+        QString filePath;
+        QString reason; // the system's words for the cause, e.g. "Permission denied"
+    };
+
     explicit UserDefaults(const QString& filePath);
     ~UserDefaults();
 
@@ -34,18 +44,28 @@ public:
     // Absent, or not an array: nothing.
     std::optional<QVariantList> arrayForKey(const QString& key) const;
 
-    void setObjectForKey(const QVariant& value, const QString& key);
-    void setBoolForKey(bool value, const QString& key);
-    void setDataForKey(const QByteArray& value, const QString& key);
-    void removeObjectForKey(const QString& key);
+    // True when the change, and any earlier one that had not yet been saved, is now in the file.
+    bool setObjectForKey(const QVariant& value, const QString& key);
+    bool setBoolForKey(bool value, const QString& key);
+    bool setDataForKey(const QByteArray& value, const QString& key);
+    bool removeObjectForKey(const QString& key);
+
+    // The last write's failure; a write that reaches the disk clears it.
+    std::optional<WriteFailure> lastWriteFailure() const { return m_lastWriteFailure; }
+    // Told of every failed write; whoever shows it to the user decides how often to.
+    void setWriteFailureObserver(std::function<void(const WriteFailure&)> observer);
 
 private:
     void open();
+    std::unique_ptr<QSettings> makeSettings() const;
     void setAsideUnreadableFile();
-    void flush();
+    void prepareForWrite();
+    bool flush();
 
     QString m_filePath;
     QString m_setAsideFilePath;
     std::unique_ptr<QSettings> m_settings;
     QVariantMap m_registeredDefaults;
+    std::optional<WriteFailure> m_lastWriteFailure;
+    std::function<void(const WriteFailure&)> m_writeFailureObserver;
 };

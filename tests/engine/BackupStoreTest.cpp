@@ -3,7 +3,11 @@
 #include "platform/UserDefaults.h"
 #include "support/TestHome.h"
 
+#include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTimeZone>
 #include <gtest/gtest.h>
 
@@ -31,6 +35,26 @@ protected:
         const auto store = reloaded();
         QStringList folders;
         for (const BackupRecordRef& r : store->records())
+            folders << r->backupFolder().value_or("<none>");
+        return folders;
+    }
+
+    // What the preferences file holds, read as plain JSON: another UserDefaults in this process would share
+    // QSettings' in-memory state of the file and answer with changes that never reached the disk.
+    QStringList foldersOnDisk() const
+    {
+        QFile file(UserDefaults::standardFilePath());
+        if (!file.open(QIODevice::ReadOnly))
+            return {"<unreadable>"};
+        QStringList folders;
+        for (const QJsonValue& element : QJsonDocument::fromJson(file.readAll()).object().value("Backups").toArray())
+            folders << element.toObject().value("BackupFolder").toString("<none>");
+        return folders;
+    }
+    static QStringList foldersOf(const BackupStore& backups)
+    {
+        QStringList folders;
+        for (const BackupRecordRef& r : backups.records())
             folders << r->backupFolder().value_or("<none>");
         return folders;
     }
@@ -98,6 +122,27 @@ TEST_F(BackupStoreTest, NothingOrAValueThatIsNotAListIsNoBackupsAndOtherElements
     ASSERT_EQ(stored.size(), 3);
     EXPECT_EQ(stored.at(0), QVariant(QString("junk")));
     EXPECT_EQ(stored.at(1).toMap().value("Extra").toInt(), 7);
+}
+
+TEST_F(BackupStoreTest, AChangeThatCannotBeSavedStaysInMemoryAndTheNextSaveWritesTheWholeList)
+{
+    store.load();
+    ASSERT_TRUE(store.append(record(1)));
+    ASSERT_TRUE(store.append(record(2)));
+    EXPECT_EQ(foldersOnDisk(), QStringList({"/backups/1", "/backups/2"}));
+
+    // A folder where the preferences file belongs: no one can write the file.
+    const QString file = UserDefaults::standardFilePath();
+    ASSERT_TRUE(QFile::remove(file));
+    ASSERT_TRUE(QDir().mkpath(file));
+    EXPECT_FALSE(store.append(record(3)));
+    EXPECT_FALSE(store.removeAt(0));
+    EXPECT_EQ(foldersOf(store), QStringList({"/backups/2", "/backups/3"}));
+    EXPECT_TRUE(defaults.lastWriteFailure().has_value());
+
+    ASSERT_TRUE(QDir(file).removeRecursively());
+    EXPECT_TRUE(store.append(record(4)));
+    EXPECT_EQ(foldersOnDisk(), QStringList({"/backups/2", "/backups/3", "/backups/4"}));
 }
 
 } // namespace

@@ -1,10 +1,14 @@
 #include "platform/UserDefaults.h"
 #include "support/TestHome.h"
+#include "support/TreeBuilder.h"
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <cerrno>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -105,6 +109,83 @@ TEST_F(UserDefaultsTest, ValuesOfTheWrongShapeReadAsAbsent)
     EXPECT_FALSE(defaults.arrayForKey("Number").has_value());
     EXPECT_TRUE(defaults.arrayForKey("Text").has_value());
     EXPECT_FALSE(defaults.arrayForKey("Missing").has_value());
+}
+
+TEST_F(UserDefaultsTest, AFolderWhereTheFileBelongsFailsEveryWriteWithItsCauseAndTheNextSaveKeepsThemAll)
+{
+    ASSERT_TRUE(QDir().mkpath(file()));
+    UserDefaults defaults(file());
+    QList<UserDefaults::WriteFailure> told;
+    defaults.setWriteFailureObserver([&told](const UserDefaults::WriteFailure& failure) { told << failure; });
+
+    EXPECT_FALSE(defaults.setBoolForKey(true, "Flag"));
+    ASSERT_EQ(told.size(), 1);
+    EXPECT_EQ(told[0].filePath, file());
+    EXPECT_EQ(told[0].reason, qt_error_string(EISDIR));
+    ASSERT_TRUE(defaults.lastWriteFailure().has_value());
+    EXPECT_EQ(defaults.lastWriteFailure()->reason, told[0].reason);
+    EXPECT_TRUE(defaults.boolForKey("Flag")) << "the value holds for the rest of the session";
+
+    EXPECT_FALSE(defaults.setObjectForKey(QVariantList{1, 2}, "List"));
+    EXPECT_EQ(told.size(), 2) << "each failed write is told, not only the first";
+    EXPECT_EQ(defaults.arrayForKey("List"), QVariantList({1, 2}));
+    EXPECT_TRUE(defaults.boolForKey("Flag"));
+
+    ASSERT_TRUE(QDir(file()).removeRecursively());
+    EXPECT_TRUE(defaults.setDataForKey("abc", "Blob"));
+    EXPECT_FALSE(defaults.lastWriteFailure().has_value());
+    EXPECT_EQ(told.size(), 2);
+    const QJsonObject saved = fileContents();
+    EXPECT_TRUE(saved.value("Flag").toBool()) << "values whose own write failed are saved with the next one";
+    EXPECT_EQ(saved.value("List").toArray(), QJsonArray({1, 2}));
+    EXPECT_EQ(UserDefaults(file()).dataForKey("Blob"), QByteArray("abc"));
+}
+
+TEST_F(UserDefaultsTest, WhenItsFolderCannotBeMadeTheStoreWorksInMemoryUntilItCan)
+{
+    // A file where the preferences folder belongs: not even root can make the folder.
+    const QString folder = QFileInfo(file()).absolutePath();
+    ASSERT_TRUE(QDir().mkpath(QFileInfo(folder).absolutePath()));
+    QFile blocker(folder);
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+
+    UserDefaults defaults(file());
+    defaults.registerDefaults({{"FirstLaunch", true}});
+    EXPECT_TRUE(defaults.boolForKey("FirstLaunch"));
+    EXPECT_FALSE(defaults.setBoolForKey(false, "FirstLaunch"));
+    ASSERT_TRUE(defaults.lastWriteFailure().has_value());
+    EXPECT_EQ(defaults.lastWriteFailure()->reason, qt_error_string(ENOTDIR));
+    EXPECT_FALSE(defaults.boolForKey("FirstLaunch"));
+
+    ASSERT_TRUE(QFile::remove(folder));
+    EXPECT_TRUE(defaults.setBoolForKey(true, "Other"));
+    EXPECT_FALSE(fileContents().value("FirstLaunch").toBool(true));
+    EXPECT_TRUE(fileContents().value("Other").toBool());
+}
+
+TEST_F(UserDefaultsTest, AFolderTheUserMayNotWriteToIsNamedAsTheCause)
+{
+    // The child gives up root, for which permission bits do not count; the folder is closed to its
+    // owner too, so the test also holds when run without root.
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::path(file().toStdString()).parent_path();
+    fs::create_directories(folder);
+    fs::permissions(home.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                     fs::perms::others_read | fs::perms::others_exec);
+    fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
+                                fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec);
+    const QString path = file();
+    const std::optional<std::string> answer = TreeBuilder::runUnprivileged([&path] {
+        UserDefaults defaults(path);
+        const bool written = defaults.setBoolForKey(true, "Flag");
+        const bool removed = defaults.removeObjectForKey("Other");
+        return std::to_string(written) + std::to_string(removed) + std::to_string(defaults.boolForKey("Flag")) +
+               '\n' + (defaults.lastWriteFailure() ? defaults.lastWriteFailure()->reason.toStdString() : "");
+    });
+    ASSERT_TRUE(answer.has_value());
+    EXPECT_EQ(*answer, "001\n" + qt_error_string(EACCES).toStdString())
+        << "both writes fail, the value is kept, and the cause is given";
 }
 
 } // namespace
