@@ -4,7 +4,6 @@
 #include "app/HomeFolderAcquisition.h"
 #include "app/MainMenu.h"
 #include "platform/BundleInfo.h"
-#include "Helpers/ItemRemover.h"
 #include "platform/AlertPresenter.h"
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/main/MainWindowController.h"
@@ -63,7 +62,9 @@ void AppDelegate::createMainWindow()
                                             [this] { return m_homeDirectory; },
                                             [this](const QString& home) { m_homeDirectory = home; },
                                             m_services.streamFactory,
-                                            m_services.quitAppsCheckInterval};
+                                            m_services.quitAppsCheckInterval,
+                                            m_services.copier,
+                                            m_services.now};
     m_mainWindowController = std::make_unique<MainWindowController>(services);
     m_mainWindowController->setShowBackupInfoHandler([this] { showBackupInfo(); });
     m_mainMenu = std::make_unique<MainMenu>(m_mainWindowController->menuBar());
@@ -251,10 +252,9 @@ bool AppDelegate::applicationShouldTerminate(bool canAsk)
         return true;
     if (canAsk && runQuitConfirmationDlg() != AlertResponse::kFirstButton)
         return false;
-    controller->cancelCopying(); // does not wait for the copy to stop
-    // A partly restored iCloud folder is left as it is, deliberately; an unfinished backup goes.
-    if (controller->isiCloudBackingUp() && !controller->iCloudBackupDirectory().isEmpty())
-        ItemRemover::removeItemAtPath(QFile::encodeName(controller->iCloudBackupDirectory()).toStdString());
+    // A partly restored iCloud folder is left as it is, deliberately; an unfinished backup goes, but only
+    // the folder of the run under way, never one a record names.
+    controller->stopForQuit();
     return true;
 }
 

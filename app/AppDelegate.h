@@ -1,11 +1,17 @@
 #pragma once
 
 #include "engine/BackupRecord.h"
+#include "engine/CopyOutcome.h"
+#include "engine/DirectoryCopier.h"
 #include "watch/SCEvents.h"
 
+#include <QDateTime>
 #include <QObject>
 #include <QString>
+#include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -37,6 +43,10 @@ public:
         FileManager& fileManager;
         SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
         std::chrono::milliseconds quitAppsCheckInterval{1000};
+        std::function<CopyOutcome(const std::filesystem::path&, const std::filesystem::path&, const std::atomic<bool>&,
+                                  const DirectoryCopier::Progress&, const std::atomic<bool>*)>
+            copier = {}; // empty: DirectoryCopier; tests wrap it to act at a chosen file
+        std::function<QDateTime()> now = {}; // when a backup starts; empty: the wall clock
     };
 
     explicit AppDelegate(Services services, QObject* parent = nullptr);

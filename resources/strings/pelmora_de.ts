@@ -12,6 +12,10 @@
         <translation>Sicherung nicht gefunden</translation>
     </message>
     <message>
+        <source>alertBackupNotMadeMessage</source>
+        <translation>Die Sicherung konnte nicht angelegt werden</translation>
+    </message>
+    <message>
         <source>alertBadDirectoryInformativeText</source>
         <translation>Pelmora benötigt Zugriff auf Ihren persönlichen Ordner, um Ihren iCloud-Ordner zu finden. Starten Sie die Sicherung erneut und wählen Sie Ihren persönlichen Ordner aus.</translation>
     </message>
@@ -30,6 +34,10 @@
     <message>
         <source>alertDeleteBackupMessage</source>
         <translation>Möchten Sie die ausgewählte Sicherung wirklich löschen?</translation>
+    </message>
+    <message>
+        <source>alertItemsNotCopiedInfo</source>
+        <translation>Die Sicherung wurde ohne sie angelegt. Die Liste mit dem Grund für jedes Objekt steht unter „Details“ und im Informationsfenster der Sicherung.</translation>
     </message>
     <message>
         <source>alertNoBackupSelectedInformativeText</source>
@@ -62,6 +70,18 @@
     <message>
         <source>alertNotEnoughDiskSpaceWarningMessage</source>
         <translation>Nicht genügend Speicherplatz</translation>
+    </message>
+    <message>
+        <source>alertOneItemNotCopiedMessage</source>
+        <translation>1 Objekt konnte nicht kopiert werden</translation>
+    </message>
+    <message>
+        <source>alertPreferencesNotSavedInfo</source>
+        <translation>Ihre Sicherungen bleiben aufgelistet, bis Pelmora beendet wird, und die ganze Liste wird gespeichert, sobald die Datei wieder geschrieben werden kann.</translation>
+    </message>
+    <message>
+        <source>alertPreferencesNotSavedMessage</source>
+        <translation>Pelmora konnte seine Einstellungen nicht speichern</translation>
     </message>
     <message>
         <source>alertRestoreWarningMessage</source>
@@ -144,6 +164,22 @@
         <translation>Die unten aufgeführten Programme verwenden iCloud. Beenden Sie sie und klicken Sie dann auf „%1“.</translation>
     </message>
     <message>
+        <source>formatStringCopyProgress</source>
+        <translation>%1 von %2 Dateien · %3 von %4</translation>
+    </message>
+    <message>
+        <source>formatStringItemNotWritten</source>
+        <translation>„%1“ konnte nicht geschrieben werden: %2.</translation>
+    </message>
+    <message>
+        <source>formatStringItemsNotCopied</source>
+        <translation>%1 Objekte wurden nicht kopiert:</translation>
+    </message>
+    <message>
+        <source>formatStringItemsNotCopiedMessage</source>
+        <translation>%1 Objekte konnten nicht kopiert werden</translation>
+    </message>
+    <message>
         <source>labelAllYourBackups</source>
         <translation>Alle Ihre Sicherungen</translation>
     </message>
@@ -162,6 +198,10 @@
     <message>
         <source>labelLastBackupDateNever</source>
         <translation>Nie</translation>
+    </message>
+    <message>
+        <source>labelOneItemNotCopied</source>
+        <translation>1 Objekt wurde nicht kopiert:</translation>
     </message>
     <message>
         <source>menuItemTitleBackup</source>

@@ -12,6 +12,10 @@
         <translation>Backup not found</translation>
     </message>
     <message>
+        <source>alertBackupNotMadeMessage</source>
+        <translation>The backup could not be made</translation>
+    </message>
+    <message>
         <source>alertBadDirectoryInformativeText</source>
         <translation>Pelmora needs access to your home folder to find your iCloud folder. Start the backup again and choose your home folder.</translation>
     </message>
@@ -30,6 +34,10 @@
     <message>
         <source>alertDeleteBackupMessage</source>
         <translation>Are you sure you want to delete the selected backup?</translation>
+    </message>
+    <message>
+        <source>alertItemsNotCopiedInfo</source>
+        <translation>The backup was made without them. The list, with the reason for each item, is under Details and in the backup’s info window.</translation>
     </message>
     <message>
         <source>alertNoBackupSelectedInformativeText</source>
@@ -62,6 +70,18 @@
     <message>
         <source>alertNotEnoughDiskSpaceWarningMessage</source>
         <translation>Not enough disk space</translation>
+    </message>
+    <message>
+        <source>alertOneItemNotCopiedMessage</source>
+        <translation>1 item could not be copied</translation>
+    </message>
+    <message>
+        <source>alertPreferencesNotSavedInfo</source>
+        <translation>Your backups stay listed until Pelmora quits, and the whole list is saved the next time the file can be written.</translation>
+    </message>
+    <message>
+        <source>alertPreferencesNotSavedMessage</source>
+        <translation>Pelmora could not save its settings</translation>
     </message>
     <message>
         <source>alertRestoreWarningMessage</source>
@@ -144,6 +164,22 @@
         <translation>The applications listed below use iCloud. Quit them, then click “%1”.</translation>
     </message>
     <message>
+        <source>formatStringCopyProgress</source>
+        <translation>%1 of %2 files · %3 of %4</translation>
+    </message>
+    <message>
+        <source>formatStringItemNotWritten</source>
+        <translation>“%1” could not be written: %2.</translation>
+    </message>
+    <message>
+        <source>formatStringItemsNotCopied</source>
+        <translation>%1 items were not copied:</translation>
+    </message>
+    <message>
+        <source>formatStringItemsNotCopiedMessage</source>
+        <translation>%1 items could not be copied</translation>
+    </message>
+    <message>
         <source>labelAllYourBackups</source>
         <translation>All your backups</translation>
     </message>
@@ -162,6 +198,10 @@
     <message>
         <source>labelLastBackupDateNever</source>
         <translation>Never</translation>
+    </message>
+    <message>
+        <source>labelOneItemNotCopied</source>
+        <translation>1 item was not copied:</translation>
     </message>
     <message>
         <source>menuItemTitleBackup</source>

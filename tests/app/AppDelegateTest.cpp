@@ -1,9 +1,11 @@
 #include "app/AppDelegate.h"
 #include "app/MainMenu.h"
+#include "engine/UnfinishedMark.h"
 #include "platform/SingleInstance.h"
 #include "platform/TerminationSignals.h"
 #include "support/MainWindowFixture.h"
 #include "ui/inspector/InspectorWindowController.h"
+#include "ui/quitapps/QuitAppsRequestWindowController.h"
 
 #include <QAction>
 #include <QMenu>
@@ -51,8 +53,24 @@ protected:
     }
     void select(int row) { controller->backupsTable()->selectRow(row); }
 
+    // Called after the first file of a copy, with the copy's quit flag.
+    std::function<void(const std::atomic<bool>*)> copierHook;
     AppDelegate delegate{{defaults, chooser, passwords, applications, alerts, fileManager,
-                          scriptedStreamFactory(streams), std::chrono::milliseconds(10)}};
+                          scriptedStreamFactory(streams), std::chrono::milliseconds(10),
+                          [this](const fs::path& source, const fs::path& destination, const std::atomic<bool>& cancel,
+                                 const DirectoryCopier::Progress& progress, const std::atomic<bool>* abandon) {
+                              bool first = true;
+                              return DirectoryCopier::copyDirectoryAtPath(
+                                  source, destination, cancel,
+                                  [&](const fs::path& copied) {
+                                      progress(copied);
+                                      if (std::exchange(first, false) && copierHook)
+                                          copierHook(abandon);
+                                  },
+                                  abandon);
+                          },
+                          [this] { return clock; }}};
+    QDateTime clock = QDateTime::currentDateTime();
     MainWindowController* controller = nullptr;
 };
 
@@ -136,33 +154,59 @@ TEST_F(AppDelegateTest, QuittingAsksOnlyDuringAnOperationAndOnlyWhenSomebodyCanA
     controller->setICloudBeingRestored(true);
     EXPECT_TRUE(delegate.applicationShouldTerminate(false));
     EXPECT_TRUE(alerts.shown.isEmpty());
-    EXPECT_TRUE(controller->isCanceled());
+    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled()) << "cancelled, as Cancel would";
 
     alerts.answers = {AlertResponse{1000, false}};
     EXPECT_TRUE(delegate.applicationShouldTerminate());
     EXPECT_EQ(alerts.messages(), QStringList({text("alertiCloudIsBeingRestoredMsg")}));
 }
 
-TEST_F(AppDelegateTest, QuittingDuringABackupAsksAndOnYesRemovesTheUnfinishedFolder)
+// The copy stops at its first file until the program quits.
+TEST_F(AppDelegateTest, QuittingRemovesOnlyTheFolderTheRunUnderWayMadeOnceItsCopyHasStopped)
 {
     writeFile(iCloud() / "com~apple~CloudDocs" / "f", "x");
+    writeFile(iCloud() / "com~apple~CloudDocs" / "g", "y");
     launch();
-    // The count runs in the background; until its result arrives the backup is under way.
+    ASSERT_TRUE(runEventLoopUntil([&] { return !controller->isCalculatingiCloudSizeInProgress(); }));
+    QSignalSpy finished(controller, &MainWindowController::backUpFinished);
+    controller->backUpNow();
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() == 1; }));
+    const QString recorded = *controller->backups().last()->backupFolder();
+
+    // Waiting for an application to quit: the last finished backup's folder is no unfinished one.
+    applications.add(42, QString("com.apple.CloudDocs"), "Drive");
     controller->backUpNow();
     ASSERT_TRUE(controller->isiCloudBackingUp());
+    alerts.answers = {AlertResponse{1000, false}};
+    EXPECT_TRUE(delegate.applicationShouldTerminate());
+    EXPECT_TRUE(QFileInfo(recorded).isDir());
+    EXPECT_EQ(storedFolders(), QStringList({recorded}));
+    controller->quitAppsController()->close();
+    applications.remove(42);
+
+    clock = clock.addSecs(1);
+    std::atomic<bool> copierReturned = false;
+    copierHook = [&](const std::atomic<bool>* abandon) {
+        abandon->wait(false);
+        copierReturned = true;
+    };
+    controller->backUpNow();
+    ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
     const fs::path unfinished = QFile::encodeName(controller->iCloudBackupDirectory()).toStdString();
-    writeFile(unfinished / "partial", "x");
+    ASSERT_NE(QString::fromStdString(unfinished.string()), recorded) << "a new second";
+    EXPECT_TRUE(fs::exists(UnfinishedMark::pathFor(unfinished)));
 
     alerts.answers = {AlertResponse{1001, false}};
     EXPECT_FALSE(delegate.applicationShouldTerminate());
-    EXPECT_EQ(alerts.messages(), QStringList({text("alertiCloudIsBeingBackedUpMsg")}));
-    EXPECT_TRUE(controller->isiCloudBackingUp());
+    EXPECT_EQ(alerts.messages().last(), text("alertiCloudIsBeingBackedUpMsg"));
     EXPECT_TRUE(fs::exists(unfinished));
 
     alerts.answers = {AlertResponse{1000, false}};
     EXPECT_TRUE(delegate.applicationShouldTerminate());
-    EXPECT_TRUE(controller->isCanceled());
+    EXPECT_TRUE(copierReturned) << "the copier had left the folder before it went";
     EXPECT_FALSE(fs::exists(unfinished));
+    EXPECT_FALSE(fs::exists(UnfinishedMark::pathFor(unfinished)));
+    EXPECT_TRUE(QFileInfo(recorded).isDir());
 }
 
 TEST_F(AppDelegateTest, ASecondStartShowsTheHiddenMainWindow)

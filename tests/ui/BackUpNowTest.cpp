@@ -111,13 +111,16 @@ TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRem
     std::promise<void> cancelled;
     std::shared_future<void> pressed = cancelled.get_future().share();
     copier = [pressed](const fs::path& source, const fs::path& destination, const std::atomic<bool>& cancel,
-                       const std::function<void(const fs::path&)>& progress) {
+                       const DirectoryCopier::Progress& progress, const std::atomic<bool>* abandon) {
         bool first = true;
-        return DirectoryCopier::copyDirectoryAtPath(source, destination, cancel, [&](const fs::path& copied) {
-            progress(copied);
-            if (std::exchange(first, false))
-                pressed.wait();
-        });
+        return DirectoryCopier::copyDirectoryAtPath(
+            source, destination, cancel,
+            [&](const fs::path& copied) {
+                progress(copied);
+                if (std::exchange(first, false))
+                    pressed.wait();
+            },
+            abandon);
     };
     auto controller = openWindow();
     QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);

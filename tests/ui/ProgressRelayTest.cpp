@@ -1,5 +1,5 @@
 #include "support/EventLoop.h"
-#include "ui/main/ProgressRelay.h"
+#include "operations/ProgressRelay.h"
 
 #include <QObject>
 #include <gtest/gtest.h>

@@ -3,12 +3,15 @@
 #include "Helpers/ByteCountFormatter.h"
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/Localizer.h"
+#include "engine/NotCopiedList.h"
+#include "operations/CopyOperation.h"
 #include "platform/FileManager.h"
 #include "ui_InspectorWindowController.h"
 
 #include <QDir>
 #include <QFile>
 #include <QHeaderView>
+#include <QPlainTextEdit>
 #include <sys/stat.h>
 
 namespace {
@@ -87,6 +90,21 @@ void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
     m_ui->backupContentDescriptionLabel->setText(
         localized("formatStringBackupContent")
             .arg(QString::number(static_cast<quint64>(m_appContainers.size())), QString::number(filesTotal)));
+    showNotCopiedItems(folder);
+}
+
+void InspectorWindowController::showNotCopiedItems(const QString& folder)
+{
+    const std::vector<FsError> items =
+        folder.isEmpty() ? std::vector<FsError>() : NotCopiedList::read(QFile::encodeName(folder).toStdString());
+    m_ui->notCopiedLabel->setVisible(!items.empty());
+    m_ui->notCopiedList->setVisible(!items.empty());
+    if (items.empty())
+        return;
+    m_ui->notCopiedLabel->setText(items.size() == 1 ? localized("labelOneItemNotCopied")
+                                                    : localized("formatStringItemsNotCopied")
+                                                          .arg(QLocale().toString(static_cast<qulonglong>(items.size()))));
+    m_ui->notCopiedList->setPlainText(CopyOperation::describeItems(items));
 }
 
 // The backup's top-level folders, in listing order; hidden entries, plain files and links are left out.
@@ -156,3 +174,5 @@ QLabel* InspectorWindowController::backupContentDescriptionLabel() const
 {
     return m_ui->backupContentDescriptionLabel;
 }
+QLabel* InspectorWindowController::notCopiedLabel() const { return m_ui->notCopiedLabel; }
+QPlainTextEdit* InspectorWindowController::notCopiedList() const { return m_ui->notCopiedList; }

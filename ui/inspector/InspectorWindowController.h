@@ -8,6 +8,7 @@
 
 class FileManager;
 class QLabel;
+class QPlainTextEdit;
 class QPushButton;
 class QTableWidget;
 
@@ -45,12 +46,16 @@ public:
     QPushButton* showInFinderBtn() const;
     QTableWidget* backupContentTable() const;
     QLabel* backupContentDescriptionLabel() const;
+    // Hidden for a backup that holds everything it was asked to.
+    QLabel* notCopiedLabel() const;
+    QPlainTextEdit* notCopiedList() const;
 
 private:
     void windowDidLoad();
     void showWindow();
     std::uint32_t findContainers(const QString& folder);
     void reloadTable();
+    void showNotCopiedItems(const QString& folder);
 
     FileManager& m_fileManager;
     std::unique_ptr<Ui::InspectorWindowController> m_ui;

@@ -4,6 +4,8 @@
 #include "app/iCloudPrefs.h"
 #include "platform/AlertPresenter.h"
 
+#include <QLocale>
+
 namespace {
 
 const QString kReturn = QStringLiteral("\r");
@@ -40,10 +42,16 @@ int BackupAlerts::runConfirmation(const char* messageKey, const char* informativ
 
 void BackupAlerts::runNotice(const char* messageKey, const char* informativeKey)
 {
+    runNotice(text(messageKey), text(informativeKey));
+}
+
+void BackupAlerts::runNotice(const QString& message, const QString& informative, const QString& details)
+{
     Alert alert;
     alert.buttons = {{Localizer::okButtonTitle(), kReturn}};
-    alert.messageText = text(messageKey);
-    alert.informativeText = text(informativeKey);
+    alert.messageText = message;
+    alert.informativeText = informative;
+    alert.detailedText = details;
     m_presenter.runModal(alert);
 }
 
@@ -91,4 +99,23 @@ void BackupAlerts::runiCloudDriveRequiredAlert()
     alert.buttons = {{Localizer::cancelButtonTitle(), kReturn}};
     alert.messageText = text("alertiCloudDriveRequiredMessage");
     m_presenter.runModal(alert);
+}
+
+void BackupAlerts::runItemsNotCopiedAlert(int count, const QString& details)
+{
+    const QString message = count == 1 ? text("alertOneItemNotCopiedMessage")
+                                       : text("formatStringItemsNotCopiedMessage").arg(QLocale().toString(count));
+    runNotice(message, text("alertItemsNotCopiedInfo"), details);
+}
+
+void BackupAlerts::runBackupNotMadeAlert(const QString& folder, const QString& reason)
+{
+    runNotice(text("alertBackupNotMadeMessage"), text("formatStringItemNotWritten").arg(folder, reason));
+}
+
+void BackupAlerts::runPreferencesNotSavedAlert(const QString& file, const QString& reason)
+{
+    runNotice(text("alertPreferencesNotSavedMessage"),
+              text("formatStringItemNotWritten").arg(file, reason) + QStringLiteral("\n\n") +
+                  text("alertPreferencesNotSavedInfo"));
 }

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <QString>
+
 class AlertPresenter;
+
 class UserDefaults;
 
 // The main window's eight alerts: two confirmations that give back the answer (1000 for Yes, 1001 for
@@ -21,9 +24,17 @@ public:
     // Deliberately unlike the others: no informative text, one button titled Cancel that answers to Return.
     void runiCloudDriveRequiredAlert();
 
+    // A backup recorded without some items: how many, and each one's path and reason under Details.
+    void runItemsNotCopiedAlert(int count, const QString& details);
+    // A backup that could not be made: its folder and why.
+    void runBackupNotMadeAlert(const QString& folder, const QString& reason);
+    // The preferences file could not be written: which file and why.
+    void runPreferencesNotSavedAlert(const QString& file, const QString& reason);
+
 private:
     int runConfirmation(const char* messageKey, const char* informativeKey, bool withSuppression);
     void runNotice(const char* messageKey, const char* informativeKey);
+    void runNotice(const QString& message, const QString& informative, const QString& details = {});
 
     AlertPresenter& m_presenter;
     UserDefaults& m_defaults;

@@ -8,8 +8,7 @@
 #include "app/HomeFolderAcquisition.h"
 #include "app/iCloudPrefs.h"
 #include "engine/BackupRoot.h"
-#include "engine/DirectoryCopier.h"
-#include "engine/RestorePreparation.h"
+#include "engine/UnfinishedMark.h"
 #include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
 #include "platform/BundleInfo.h"
@@ -21,7 +20,6 @@
 #include "ui/main/BackupAlerts.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 #include "ui/main/BackupsTableModel.h"
-#include "ui/main/ProgressRelay.h"
 #include "ui_MainWindowController.h"
 #include "ui_OperationProgressWindow.h"
 
@@ -32,12 +30,16 @@
 #include <QProgressBar>
 #include <QGraphicsDropShadowEffect>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QMenu>
 #include <QScreen>
 #include <QShortcut>
 #include <QThread>
 #include <QThreadPool>
+#include <algorithm>
 #include <cmath>
+#include <cstring>
+#include <utility>
 #include <sys/stat.h>
 
 namespace {
@@ -81,10 +83,23 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     m_tableViewPlaceholderLabel->setEnabled(false); // drawn in the disabled text colour, like a hint
     m_ui->backupsTable->viewport()->installEventFilter(this);
     connect(m_progressUi->cancelCopyingBtn, &QPushButton::clicked, this, [this] { cancelCopying(); });
+    // A window that shows running work is not dismissed without cancelling it.
+    m_operationProgressWindow->installEventFilter(this);
+    m_services.defaults.setWriteFailureObserver([controller = QPointer<MainWindowController>(this)](const UserDefaults::WriteFailure& failure) {
+        if (controller)
+            controller->preferencesWriteFailed(failure.filePath, failure.reason);
+    });
 }
 
 MainWindowController::~MainWindowController()
 {
+    m_services.defaults.setWriteFailureObserver({});
+    // Nothing at teardown waits for a long walk or copy to run its course.
+    m_stopMeasures->store(true);
+    if (m_backUpRun)
+        m_backUpRun->abandon();
+    if (m_restoreRun)
+        m_restoreRun->abandon();
     if (m_windowLoaded)
         saveWindowFrame();
 }
@@ -112,6 +127,7 @@ void MainWindowController::windowDidLoad()
     resetOperationState();
     connectTable();
     m_backups.load();
+    sweepUnfinishedBackups();
     m_tableModel->reloadData();
     // No row is current until the user picks one: a focus frame on row 0 would read as a selection.
     m_ui->backupsTable->setCurrentIndex(QModelIndex());
@@ -138,13 +154,8 @@ void MainWindowController::saveWindowFrame()
 
 void MainWindowController::resetOperationState()
 {
-    m_totalSizeOfItemsToCopy = 0;
-    m_totalCountOfItemsToCopy = 0;
-    m_currentSizeOfCopiedItems = 0;
-    m_currentCountOfCopiedItems = 0;
     m_iCloudBeingRestored = false;
     m_iCloudBackingUp = false;
-    m_canceled->store(false);
     m_calculatingiCloudSize = false;
 }
 
@@ -337,8 +348,9 @@ void MainWindowController::setiCloudSize()
     m_calculatingiCloudSize = true;
     const std::string path = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
     QPointer<MainWindowController> controller(this);
-    QThreadPool::globalInstance()->start([path, controller] {
-        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(path);
+    std::shared_ptr<std::atomic<bool>> stop = m_stopMeasures;
+    QThreadPool::globalInstance()->start([path, controller, stop] {
+        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(path, nullptr, stop.get());
         // The controller is only looked at on the main thread, where it may be gone at shutdown.
         QMetaObject::invokeMethod(
             qApp,
@@ -376,7 +388,9 @@ void MainWindowController::restyleSizeLabel(QLabel* label)
 
 void MainWindowController::backUpNow()
 {
-    m_canceled->store(false);
+    // One run at a time: two would share a folder name and leave one of their folders in no list.
+    if (m_backUpRun && !m_backUpRun->hasEnded())
+        return;
     if (!m_services.homeDirectory() && !askForHomeDirectory())
         return;
     const QFileInfo iCloudFolder(m_mobileDocumentsDirectory.value_or(QString()));
@@ -441,15 +455,16 @@ void MainWindowController::showQuitAppsRequest(int tag, const char* windowTitleK
 
 void MainWindowController::beginBackUp()
 {
-    m_totalSizeOfItemsToCopy = 0;
-    m_totalCountOfItemsToCopy = 0;
-    m_currentSizeOfCopiedItems = 0;
-    m_currentCountOfCopiedItems = 0;
-    showProgressWindow("windowTitleOperationBackUp", "operationPreparingToCopyItems", this);
-    setCopyButtonsEnabled(false);
     const QDateTime start = m_services.now ? m_services.now() : QDateTime::currentDateTime();
     m_iCloudBackupDirectory = BackupRoot::folderPath(start);
-    startCountingPass(start);
+    m_backUpRun = std::make_unique<BackupOperation>(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
+                                                    start, m_iCloudBackupDirectory, m_services.copier);
+    m_lastRun = m_backUpRun.get();
+    connectRun(*m_backUpRun, "operationCopyingDataFromiCloud");
+    connect(m_backUpRun.get(), &CopyOperation::ended, this, [this] { finishBackUp(); });
+    showProgressWindow("windowTitleOperationBackUp", "operationPreparingToCopyItems", this);
+    setCopyButtonsEnabled(false);
+    m_backUpRun->start();
 }
 
 void MainWindowController::showProgressWindow(const char* titleKey, const char* infoKey, const QWidget* centerOver)
@@ -459,7 +474,7 @@ void MainWindowController::showProgressWindow(const char* titleKey, const char* 
     m_progressUi->cancelCopyingBtn->setText(Localizer::cancelButtonTitle());
     m_progressUi->copyingTotalProgressIndicator->setRange(0, 0); // indeterminate, animating
     m_progressUi->cancelCopyingBtn->setEnabled(true);
-    m_cancelCopyRequested = std::make_shared<std::atomic<bool>>(false);
+    m_progressUi->copyCountsLabel->hide(); // shown once there are files to count
     centerProgressWindow(centerOver);
     m_operationProgressWindow->show();
     m_operationProgressWindow->raise();
@@ -480,104 +495,14 @@ void MainWindowController::setCopyButtonsEnabled(bool enabled)
     m_ui->restoreFromBackupBtn->setEnabled(enabled);
 }
 
-void MainWindowController::startCountingPass(const QDateTime& start)
+void MainWindowController::connectRun(CopyOperation& run, const char* copyingKey)
 {
-    const std::string source = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
-    QPointer<MainWindowController> controller(this);
-    std::shared_ptr<std::atomic<bool>> canceled = m_canceled;
-    QThreadPool::globalInstance()->start([source, canceled, controller, start] {
-        // Cancelling stops the counting, not the walk: the pass still runs to its end.
-        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(source, canceled.get());
-        QMetaObject::invokeMethod(
-            qApp,
-            [controller, start, measure] {
-                if (controller)
-                    controller->checkSpaceAndCreateFolder(start, measure.totalSize, measure.totalFilesCount);
-            },
-            Qt::QueuedConnection);
+    connect(&run, &CopyOperation::progressChanged, this, [this] { showCopyProgress(); });
+    connect(&run, &CopyOperation::copyingStarted, this, [this, copyingKey] {
+        showCopyProgress();
+        m_progressUi->operationInfoLabel->setText(localized(copyingKey));
+        m_progressUi->copyCountsLabel->show();
     });
-}
-
-// Both operations ask the iCloud folder's own volume, whichever volume they write to. Equal passes, and
-// so does a query that fails: not knowing is no reason to refuse.
-bool MainWindowController::iCloudVolumeHasRoomFor(std::uint64_t size) const
-{
-    FsError error;
-    const std::int64_t free = CocoaAdditions::determineFreeSpaceOnDeviceByPath(
-        QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(), &error);
-    return error.code != 0 || static_cast<std::uint64_t>(free) >= size;
-}
-
-void MainWindowController::checkSpaceAndCreateFolder(const QDateTime& start, std::uint64_t size, std::int32_t count)
-{
-    m_totalSizeOfItemsToCopy = size;
-    m_totalCountOfItemsToCopy = count;
-    if (isCanceled()) {
-        endBackUpEarly();
-        return;
-    }
-    if (!iCloudVolumeHasRoomFor(m_totalSizeOfItemsToCopy)) {
-        m_operationProgressWindow->hide();
-        setCopyButtonsEnabled(true);
-        runNotEnoughDiskSpaceAlert();
-        m_iCloudBackingUp = false;
-        emit backUpFinished();
-        return;
-    }
-    showCopyProgress();
-    m_progressUi->operationInfoLabel->setText(localized("operationCopyingDataFromiCloud"));
-    std::error_code created;
-    std::filesystem::create_directories(QFile::encodeName(m_iCloudBackupDirectory).toStdString(), created);
-    if (created || !QFileInfo(m_iCloudBackupDirectory).isDir())
-        return; // kept as it is: the progress window stays up and the backup stalls
-    startCopyStep(start);
-}
-
-void MainWindowController::endBackUpEarly()
-{
-    m_operationProgressWindow->hide();
-    setCopyButtonsEnabled(true);
-    m_iCloudBackingUp = false;
-    emit backUpFinished();
-}
-
-void MainWindowController::startCopyStep(const QDateTime& start)
-{
-    startCopy(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
-              QFile::encodeName(m_iCloudBackupDirectory).toStdString(),
-              [start](MainWindowController& controller, bool copied) { controller.finishBackUp(start, copied); });
-}
-
-void MainWindowController::startCopy(const std::filesystem::path& source, const std::filesystem::path& destination,
-                                     std::function<void(MainWindowController&, bool)> finish)
-{
-    QPointer<MainWindowController> controller(this);
-    std::shared_ptr<std::atomic<bool>> cancelRequested = m_cancelCopyRequested;
-    auto copier = m_services.copier ? m_services.copier : &DirectoryCopier::copyDirectoryAtPath;
-    std::shared_ptr<ProgressRelay> progress = ProgressRelay::create(
-        this, [this](const std::filesystem::path& copiedSource) { progressUpdate(copiedSource); });
-    QThreadPool::globalInstance()->start([copier, source, destination, cancelRequested, controller, finish, progress] {
-        const bool copied = copier(source, destination, *cancelRequested,
-                                   [&progress](const std::filesystem::path& copiedSource) { progress->post(copiedSource); });
-        // Posted after every progress update of this copy; the updates still waiting are applied first.
-        QMetaObject::invokeMethod(
-            qApp,
-            [controller, finish, copied, progress] {
-                progress->flush();
-                if (controller)
-                    finish(*controller, copied);
-            },
-            Qt::QueuedConnection);
-    });
-}
-
-void MainWindowController::progressUpdate(const std::filesystem::path& copiedSource)
-{
-    ++m_currentCountOfCopiedItems;
-    struct stat st {};
-    if (::lstat(copiedSource.c_str(), &st) == 0)
-        m_currentSizeOfCopiedItems += static_cast<std::uint64_t>(st.st_size);
-    showCopyProgress();
 }
 
 // The bar counts in bytes, scaled into the range a progress bar holds. It may end below its maximum:
@@ -585,36 +510,93 @@ void MainWindowController::progressUpdate(const std::filesystem::path& copiedSou
 void MainWindowController::showCopyProgress()
 {
     constexpr int kSteps = 1000000;
+    const std::uint64_t total = totalSizeOfItemsToCopy();
+    const std::uint64_t copied = currentSizeOfCopiedItems();
     QProgressBar* bar = m_progressUi->copyingTotalProgressIndicator;
     bar->setRange(0, kSteps);
-    const double fraction = m_totalSizeOfItemsToCopy == 0
-                                ? 0.0
-                                : static_cast<double>(m_currentSizeOfCopiedItems) / static_cast<double>(m_totalSizeOfItemsToCopy);
+    const double fraction = total == 0 ? 0.0 : static_cast<double>(copied) / static_cast<double>(total);
     bar->setValue(static_cast<int>(std::min(1.0, fraction) * kSteps));
+    const QLocale locale;
+    m_progressUi->copyCountsLabel->setText(localized("formatStringCopyProgress")
+                                               .arg(locale.toString(currentCountOfCopiedItems()),
+                                                    locale.toString(totalCountOfItemsToCopy()),
+                                                    ByteCountFormatter::stringFromByteCount(copied),
+                                                    ByteCountFormatter::stringFromByteCount(total)));
 }
 
-void MainWindowController::finishBackUp(const QDateTime& start, bool copied)
+void MainWindowController::finishBackUp()
 {
+    const BackupOperation& run = *m_backUpRun;
     m_operationProgressWindow->hide();
-    if (copied) {
-        m_backups.append(BackupRecord::make(start, m_iCloudBackupDirectory,
-                                            static_cast<qint64>(m_totalSizeOfItemsToCopy)));
-        m_tableModel->reloadData();
-        m_ui->restoreFromBackupBtn->setEnabled(true);
-        m_ui->deleteBackupBtn->setEnabled(true);
-        m_ui->showInFinderBtn->setEnabled(true);
-        setLastBackupInfo();
-    } else {
-        ItemRemover::removeItemAtPath(QFile::encodeName(m_iCloudBackupDirectory).toStdString());
+    setCopyButtonsEnabled(true);
+    switch (run.ending()) {
+    case BackupOperation::Ending::Copied:
+        recordBackUp(run);
+        break;
+    case BackupOperation::Ending::NotEnoughSpace:
+        runNotEnoughDiskSpaceAlert(); // still marked as backing up, so it names the backup
+        break;
+    case BackupOperation::Ending::Failed:
+        runBackupNotMadeAlert(run);
+        break;
+    case BackupOperation::Ending::Running:
+    case BackupOperation::Ending::CanceledCounting:
+    case BackupOperation::Ending::Canceled:
+        break;
     }
     m_iCloudBackingUp = false;
-    setCopyButtonsEnabled(true);
     emit backUpFinished();
+}
+
+// The mark comes off only once the record is on disk: a crash before that leaves a folder that no
+// stored record names, which the next launch removes.
+void MainWindowController::recordBackUp(const BackupOperation& run)
+{
+    const bool saved = m_backups.append(BackupRecord::make(run.startInstant(), run.backupFolder(),
+                                                           static_cast<qint64>(run.totalSizeOfItemsToCopy())));
+    if (run.createdFolder())
+        m_unsavedRecordFolders << run.backupFolder();
+    if (saved) {
+        for (const QString& folder : std::as_const(m_unsavedRecordFolders))
+            UnfinishedMark::clear(QFile::encodeName(folder).toStdString());
+        m_unsavedRecordFolders.clear();
+    }
+    m_tableModel->reloadData();
+    m_ui->restoreFromBackupBtn->setEnabled(true);
+    m_ui->deleteBackupBtn->setEnabled(true);
+    m_ui->showInFinderBtn->setEnabled(true);
+    setLastBackupInfo();
+    if (!run.notCopied().empty())
+        runItemsNotCopiedAlert(run.notCopied());
+}
+
+bool MainWindowController::isRecorded(const QString& folder) const
+{
+    const QList<BackupRecordRef>& records = m_backups.records();
+    return std::any_of(records.begin(), records.end(), [&folder](const BackupRecordRef& record) {
+        return record && record->backupFolder() == folder;
+    });
+}
+
+// A marked folder that no record names was left by a run that crashed or was killed. Only the marks seen
+// now are handled, so a backup started meanwhile is never touched; the removal runs off this thread.
+void MainWindowController::sweepUnfinishedBackups()
+{
+    std::vector<std::pair<std::filesystem::path, bool>> marked;
+    for (std::filesystem::path& folder : UnfinishedMark::markedFolders(QFile::encodeName(BackupRoot::path()).toStdString())) {
+        const bool recorded = isRecorded(QFile::decodeName(folder.c_str()));
+        marked.emplace_back(std::move(folder), recorded);
+    }
+    if (marked.empty())
+        return;
+    QThreadPool::globalInstance()->start([marked = std::move(marked)] {
+        for (const auto& [folder, recorded] : marked)
+            (void)UnfinishedMark::sweep(folder, recorded);
+    });
 }
 
 void MainWindowController::restoreFromBackup()
 {
-    m_canceled->store(false);
     QString backupFolder;
     if (!checkRestorePreconditions(backupFolder))
         return;
@@ -658,72 +640,28 @@ bool MainWindowController::checkRestorePreconditions(QString& backupFolder)
 
 void MainWindowController::beginRestore(const QString& backupFolder)
 {
-    m_currentCountOfCopiedItems = 0;
-    m_currentSizeOfCopiedItems = 0;
-    m_totalCountOfItemsToCopy = 0;
-    m_totalSizeOfItemsToCopy = 0;
+    m_iCloudBackupDirectory = backupFolder;
+    m_restoreRun = std::make_unique<RestoreOperation>(QFile::encodeName(backupFolder).toStdString(),
+                                                      QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
+                                                      m_services.copier);
+    m_lastRun = m_restoreRun.get();
+    connectRun(*m_restoreRun, "operationRestoringDataToiCloud");
+    connect(m_restoreRun.get(), &CopyOperation::ended, this, [this] { finishRestore(); });
     setCopyButtonsEnabled(false);
     // Centred on the key window; without one, on the main window rather than half off the screen.
     const QWidget* keyWindow = QApplication::activeWindow();
     showProgressWindow("windowTitleOperationRestore", "operationPreparingToCopyItems", keyWindow ? keyWindow : this);
-    m_iCloudBackupDirectory = backupFolder;
-    startRestorePreparation(backupFolder);
+    m_restoreRun->start();
 }
 
-// Pruning comes before the space check and the copy, deliberately: a restore stopped after it leaves the
-// live folder without what it removed.
-void MainWindowController::startRestorePreparation(const QString& backupFolder)
-{
-    const std::filesystem::path live = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
-    const std::filesystem::path backup = QFile::encodeName(backupFolder).toStdString();
-    QPointer<MainWindowController> controller(this);
-    std::shared_ptr<std::atomic<bool>> canceled = m_canceled;
-    QThreadPool::globalInstance()->start([live, backup, canceled, controller] {
-        RestorePreparation::pruneLiveFolder(live, backup, *canceled);
-        const RestoreTotals totals = RestorePreparation::measureFilesToCopy(backup, live, *canceled);
-        QMetaObject::invokeMethod(
-            qApp,
-            [controller, totals] {
-                if (controller)
-                    controller->checkSpaceForRestore(totals.totalSize, totals.totalCount);
-            },
-            Qt::QueuedConnection);
-    });
-}
-
-void MainWindowController::checkSpaceForRestore(std::uint64_t size, std::int32_t count)
-{
-    m_totalSizeOfItemsToCopy = size;
-    m_totalCountOfItemsToCopy = count;
-    if (isCanceled()) {
-        endRestore();
-        return;
-    }
-    if (!iCloudVolumeHasRoomFor(m_totalSizeOfItemsToCopy)) {
-        m_operationProgressWindow->hide();
-        setCopyButtonsEnabled(true);
-        runNotEnoughDiskSpaceAlert(); // no backup runs, so it names the restore
-        m_iCloudBeingRestored = false;
-        emit restoreFinished();
-        return;
-    }
-    showCopyProgress();
-    m_progressUi->operationInfoLabel->setText(localized("operationRestoringDataToiCloud"));
-    startRestoreCopy();
-}
-
-void MainWindowController::startRestoreCopy()
-{
-    // The copier's result is not used: finished, failed or cancelled all end the same way.
-    startCopy(QFile::encodeName(m_iCloudBackupDirectory).toStdString(),
-              QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
-              [](MainWindowController& controller, bool) { controller.endRestore(); });
-}
-
-void MainWindowController::endRestore()
+// Restored or cancelled: no message at the end. Too little room, found before the copy or met by it, is
+// said.
+void MainWindowController::finishRestore()
 {
     m_operationProgressWindow->hide();
     setCopyButtonsEnabled(true);
+    if (m_restoreRun->ending() == RestoreOperation::Ending::NotEnoughSpace)
+        runNotEnoughDiskSpaceAlert(); // no backup runs, so it names the restore
     m_iCloudBeingRestored = false;
     emit restoreFinished();
 }
@@ -762,10 +700,24 @@ void MainWindowController::showInFinder()
 void MainWindowController::cancelCopying()
 {
     m_progressUi->cancelCopyingBtn->setEnabled(false);
-    m_cancelCopyRequested->store(true);
     m_progressUi->operationInfoLabel->setText(localized("operationCanceling"));
     m_progressUi->copyingTotalProgressIndicator->setRange(0, 0);
-    m_canceled->store(true);
+    if (m_backUpRun && !m_backUpRun->hasEnded())
+        m_backUpRun->cancel();
+    if (m_restoreRun && !m_restoreRun->hasEnded())
+        m_restoreRun->cancel();
+}
+
+void MainWindowController::stopForQuit()
+{
+    cancelCopying();
+    m_stopMeasures->store(true);
+    if (m_backUpRun && !m_backUpRun->hasEnded())
+        m_backUpRun->abandonAndRemoveFolder(kQuitWait, isRecorded(m_backUpRun->backupFolder()));
+    if (m_restoreRun && !m_restoreRun->hasEnded()) {
+        m_restoreRun->abandon();
+        m_restoreRun->waitForWorkers(kQuitWait);
+    }
 }
 
 int MainWindowController::runRemoveBackupConfirmationDlg()
@@ -808,6 +760,27 @@ void MainWindowController::runiCloudDriveRequiredAlert()
     m_alerts->runiCloudDriveRequiredAlert();
 }
 
+void MainWindowController::runItemsNotCopiedAlert(const std::vector<FsError>& items)
+{
+    m_alerts->runItemsNotCopiedAlert(static_cast<int>(items.size()), CopyOperation::describeItems(items));
+}
+
+void MainWindowController::runBackupNotMadeAlert(const BackupOperation& run)
+{
+    const FsError& error = run.folderError();
+    m_alerts->runBackupNotMadeAlert(QFile::decodeName(error.path.c_str()), QString::fromLocal8Bit(std::strerror(error.code)));
+}
+
+void MainWindowController::preferencesWriteFailed(const QString& file, const QString& reason)
+{
+    if (std::exchange(m_toldAboutPreferences, true))
+        return;
+    // Told from the main loop, not from inside whatever was writing.
+    QMetaObject::invokeMethod(
+        this, [this, file, reason] { m_alerts->runPreferencesNotSavedAlert(file, reason); }, Qt::QueuedConnection);
+}
+
+
 bool MainWindowController::isYosemiteRunning(double libraryVersion)
 {
     return std::floor(libraryVersion) > 1265.0;
@@ -819,8 +792,22 @@ void MainWindowController::placePlaceholder()
     m_tableViewPlaceholderLabel->setGeometry(viewport->rect().adjusted(24, 0, -24, 0));
 }
 
+// Escape and the window's close button, which would hide the window and leave the work running.
+static bool dismissesProgressWindow(QEvent* event)
+{
+    if (event->type() == QEvent::Close)
+        return true;
+    return event->type() == QEvent::KeyPress && static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape;
+}
+
 bool MainWindowController::eventFilter(QObject* watched, QEvent* event)
 {
+    if (watched == m_operationProgressWindow.get() && dismissesProgressWindow(event)) {
+        if (m_progressUi->cancelCopyingBtn->isEnabled())
+            cancelCopying();
+        event->ignore();
+        return true;
+    }
     if (watched == m_ui->backupsTable->viewport() && event->type() == QEvent::Resize)
         placePlaceholder();
     return QMainWindow::eventFilter(watched, event);
@@ -847,3 +834,4 @@ QProgressBar* MainWindowController::copyingTotalProgressIndicator() const
     return m_progressUi->copyingTotalProgressIndicator;
 }
 QPushButton* MainWindowController::cancelCopyingBtn() const { return m_progressUi->cancelCopyingBtn; }
+QLabel* MainWindowController::copyCountsLabel() const { return m_progressUi->copyCountsLabel; }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include "engine/BackupStore.h"
+#include "operations/BackupOperation.h"
+#include "operations/RestoreOperation.h"
 #include "ui/main/CustomTableView.h"
 #include "watch/SCEvents.h"
 
@@ -60,10 +62,7 @@ public:
         SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
         std::chrono::milliseconds quitAppsCheckInterval{1000};
         // The copy step's walk; empty: DirectoryCopier. Tests wrap it to act at a chosen file.
-        using CopierFunction =
-            std::function<bool(const std::filesystem::path& source, const std::filesystem::path& destination,
-                               const std::atomic<bool>& cancelRequested,
-                               const std::function<void(const std::filesystem::path&)>& progress)>;
+        using CopierFunction = CopyOperation::Copier;
         CopierFunction copier = {};
         // When a backup starts, which names its folder; empty: the wall clock.
         std::function<QDateTime()> now = {};
@@ -73,6 +72,9 @@ public:
     static inline const QString kSizeColumn = QStringLiteral("size");
     // What the platform's user-interface library reports as its version: later than 10.9's (1265).
     static constexpr double kUserInterfaceLibraryVersion = 2299.0;
+    // How long quitting waits for the copier to leave a backup folder before removing it: the whole quit
+    // must stay within two seconds.
+    static constexpr std::chrono::milliseconds kQuitWait{1500};
 
     explicit MainWindowController(Services services, QWidget* parent = nullptr);
     ~MainWindowController() override;
@@ -81,11 +83,15 @@ public:
     void showWindow();
     bool isWindowLoaded() const { return m_windowLoaded; }
 
+    // Stops every walk and copy for good, the quit guard's way: a backup folder that the run under way made
+    // and no record names is removed once the copier has left it (waiting at most kQuitWait).
+    void stopForQuit();
+
     bool isiCloudBackingUp() const { return m_iCloudBackingUp; }
     void setICloudBackingUp(bool running) { m_iCloudBackingUp = running; }
     bool isiCloudBeingRestored() const { return m_iCloudBeingRestored; }
     void setICloudBeingRestored(bool running) { m_iCloudBeingRestored = running; }
-    bool isCanceled() const { return m_canceled->load(); }
+    bool isCanceled() const { return m_lastRun && m_lastRun->isCanceled(); }
     bool isCalculatingiCloudSizeInProgress() const { return m_calculatingiCloudSize; }
     void setCalculatingiCloudSize(bool calculating) { m_calculatingiCloudSize = calculating; }
 
@@ -95,10 +101,14 @@ public:
     const BackupStore& backups() const { return m_backups; }
     SCEvents* folderEvents() const { return m_folderEvents.get(); }
     const QString& iCloudBackupDirectory() const { return m_iCloudBackupDirectory; }
-    std::uint64_t totalSizeOfItemsToCopy() const { return m_totalSizeOfItemsToCopy; }
-    std::int32_t totalCountOfItemsToCopy() const { return m_totalCountOfItemsToCopy; }
-    std::uint64_t currentSizeOfCopiedItems() const { return m_currentSizeOfCopiedItems; }
-    std::int32_t currentCountOfCopiedItems() const { return m_currentCountOfCopiedItems; }
+    // The counters of the run under way, or of the last one.
+    std::uint64_t totalSizeOfItemsToCopy() const { return m_lastRun ? m_lastRun->totalSizeOfItemsToCopy() : 0; }
+    std::int32_t totalCountOfItemsToCopy() const { return m_lastRun ? m_lastRun->totalCountOfItemsToCopy() : 0; }
+    std::uint64_t currentSizeOfCopiedItems() const { return m_lastRun ? m_lastRun->currentSizeOfCopiedItems() : 0; }
+    std::int32_t currentCountOfCopiedItems() const { return m_lastRun ? m_lastRun->currentCountOfCopiedItems() : 0; }
+    // The back-up run under way, or the last one; null before the first.
+    const BackupOperation* backUpRun() const { return m_backUpRun.get(); }
+    const RestoreOperation* restoreRun() const { return m_restoreRun.get(); }
     QuitAppsRequestWindowController* quitAppsController() const { return m_quitAppsController.get(); }
 
     // Makes a new backup of the iCloud folder: checks on this thread, then counts and copies in the
@@ -124,6 +134,11 @@ public:
     void runNotEnoughDiskSpaceAlert();
     void runBackupNotFoundAlert();
     void runiCloudDriveRequiredAlert();
+    void runItemsNotCopiedAlert(const std::vector<FsError>& items);
+    void runBackupNotMadeAlert(const BackupOperation& run);
+
+    // A failed write of the preferences: said once per session; the list in memory stays as it is.
+    void preferencesWriteFailed(const QString& file, const QString& reason);
 
     // Table data source.
     int numberOfRowsInTableView() const;
@@ -159,6 +174,7 @@ public:
     QLabel* operationInfoLabel() const;
     QProgressBar* copyingTotalProgressIndicator() const;
     QPushButton* cancelCopyingBtn() const;
+    QLabel* copyCountsLabel() const;
 
 signals:
     void iCloudSizeChanged();
@@ -192,22 +208,15 @@ private:
     void showProgressWindow(const char* titleKey, const char* infoKey, const QWidget* centerOver);
     void centerProgressWindow(const QWidget* over);
     void setCopyButtonsEnabled(bool enabled);
-    void startCountingPass(const QDateTime& start);
-    bool iCloudVolumeHasRoomFor(std::uint64_t size) const;
-    void checkSpaceAndCreateFolder(const QDateTime& start, std::uint64_t size, std::int32_t count);
-    void startCopyStep(const QDateTime& start);
-    void progressUpdate(const std::filesystem::path& copiedSource);
+    void connectRun(CopyOperation& run, const char* copyingKey);
     void showCopyProgress();
-    void finishBackUp(const QDateTime& start, bool copied);
-    void endBackUpEarly();
+    void finishBackUp();
+    void recordBackUp(const BackupOperation& run);
+    bool isRecorded(const QString& folder) const;
+    void sweepUnfinishedBackups();
     bool checkRestorePreconditions(QString& backupFolder);
     void beginRestore(const QString& backupFolder);
-    void startRestorePreparation(const QString& backupFolder);
-    void checkSpaceForRestore(std::uint64_t size, std::int32_t count);
-    void startRestoreCopy();
-    void endRestore();
-    void startCopy(const std::filesystem::path& source, const std::filesystem::path& destination,
-                   std::function<void(MainWindowController&, bool)> finish);
+    void finishRestore();
 
     Services m_services;
     std::unique_ptr<Ui::MainWindowController> m_ui;
@@ -219,17 +228,17 @@ private:
 
     bool m_iCloudBackingUp = false;
     bool m_iCloudBeingRestored = false;
-    // Shared with the background steps, which may outlive a run's state: both are set by cancelCopying,
-    // the copier's one exactly when the Cancel button is disabled.
-    std::shared_ptr<std::atomic<bool>> m_canceled = std::make_shared<std::atomic<bool>>(false);
-    std::shared_ptr<std::atomic<bool>> m_cancelCopyRequested = std::make_shared<std::atomic<bool>>(false);
+    std::unique_ptr<BackupOperation> m_backUpRun;
+    std::unique_ptr<RestoreOperation> m_restoreRun;
+    CopyOperation* m_lastRun = nullptr;
+    // Folders whose record is in the list but not yet on disk: their mark stays until a write succeeds.
+    QStringList m_unsavedRecordFolders;
+    bool m_toldAboutPreferences = false;
+    // Read by the measures of the iCloud folder, so that quitting does not wait for one to finish.
+    std::shared_ptr<std::atomic<bool>> m_stopMeasures = std::make_shared<std::atomic<bool>>(false);
     bool m_calculatingiCloudSize = false;
-    std::int32_t m_totalCountOfItemsToCopy = 0;
-    std::int32_t m_currentCountOfCopiedItems = 0;
     std::optional<QString> m_mobileDocumentsDirectory;
     BackupStore m_backups;
-    std::uint64_t m_totalSizeOfItemsToCopy = 0;
-    std::uint64_t m_currentSizeOfCopiedItems = 0;
     std::unique_ptr<SCEvents> m_folderEvents;
     QString m_iCloudBackupDirectory;
     std::function<void()> m_showBackupInfo;
