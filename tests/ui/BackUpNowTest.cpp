@@ -1,11 +1,20 @@
+#include "Helpers/ByteCountFormatter.h"
 #include "engine/DirectoryCopier.h"
+#include "engine/NotCopiedList.h"
+#include "engine/UnfinishedMark.h"
 #include "support/MainWindowFixture.h"
+#include "ui/inspector/InspectorWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
+#include <QKeyEvent>
+#include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QTableWidget>
 #include <future>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -29,6 +38,66 @@ protected:
         std::sort(found.begin(), found.end());
         return found;
     }
+    // A socket cannot be copied, whoever runs the copy.
+    static void makeSocket(const fs::path& path)
+    {
+        makeFolder(path.parent_path());
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+        ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        ::close(fd);
+    }
+    // A small tmpfs at `folder`, unmounted with the test's end.
+    bool mountSmallVolume(const fs::path& folder, const char* size)
+    {
+        makeFolder(folder);
+        const std::string options = std::string("size=") + size;
+        if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, options.c_str()) != 0)
+            return false;
+        mounted.push_back(folder);
+        return true;
+    }
+    void TearDown() override
+    {
+        for (const fs::path& folder : mounted)
+            ::umount2(folder.c_str(), MNT_DETACH);
+    }
+    // Stops each copy after its first file until the test releases it.
+    void holdCopiesAfterTheFirstFile()
+    {
+        copier = [this](const fs::path& source, const fs::path& destination, const std::atomic<bool>& cancel,
+                        const DirectoryCopier::Progress& progress, const std::atomic<bool>* abandon) {
+            bool first = true;
+            return DirectoryCopier::copyDirectoryAtPath(
+                source, destination, cancel,
+                [&](const fs::path& copied) {
+                    progress(copied);
+                    if (std::exchange(first, false))
+                        release.get_future().wait();
+                },
+                abandon);
+        };
+    }
+    std::vector<fs::path> backupRootEntries() const
+    {
+        return fs::exists(home.dataHome() / "Pelmora") ? entries(home.dataHome() / "Pelmora") : std::vector<fs::path>{};
+    }
+
+    // The backup root's own entries, sorted.
+    std::vector<fs::path> rootListing() const
+    {
+        std::vector<fs::path> names;
+        for (const auto& entry : fs::directory_iterator(home.dataHome() / "Pelmora"))
+            names.push_back(entry.path().filename());
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    std::vector<fs::path> mounted;
+    std::promise<void> release;
+
     // Whether a backup is under way, and what the window shows of it.
     static void expectIdle(MainWindowController& controller)
     {
@@ -187,6 +256,180 @@ TEST_F(BackUpNowTest, ASandboxedStartWithoutAHomeAsksForItFirst)
     ASSERT_TRUE(backUp(*controller));
     EXPECT_EQ(homeDirectory, chooser.answer);
     EXPECT_TRUE(defaults.dataForKey(iCloudPrefs::kHomeDirBookmarkDataKey).has_value());
+    EXPECT_EQ(controller->backups().count(), 1);
+}
+
+TEST_F(BackUpNowTest, ItemsThatCannotBeCopiedAreListedBesideTheRecordedBackupSaidOnceAndShownInItsInfoWindow)
+{
+    makeiCloudFolder();
+    makeSocket(iCloud() / "com~apple~CloudDocs" / "agent.sock");
+    int second = 0;
+    clock = [&] { return QDateTime::currentDateTime().addSecs(++second * 2); };
+    auto controller = openWindow();
+
+    ASSERT_TRUE(backUp(*controller));
+
+    ASSERT_EQ(controller->backups().count(), 1) << "recorded all the same";
+    const fs::path folder = folderOf(controller->backups().last());
+    EXPECT_TRUE(fs::exists(folder / "com~apple~CloudDocs" / "report.pages"));
+    ASSERT_EQ(alerts.shown.size(), 1);
+    EXPECT_EQ(alerts.shown[0].messageText, text("alertOneItemNotCopiedMessage"));
+    EXPECT_TRUE(alerts.shown[0].detailedText.startsWith("com~apple~CloudDocs/agent.sock: "))
+        << alerts.shown[0].detailedText.toStdString();
+    EXPECT_EQ(rootListing(), (std::vector<fs::path>{folder.filename(), NotCopiedList::pathFor(folder).filename()}))
+        << "the list lies beside the folder, and no mark is left";
+    const std::vector<FsError> listed = NotCopiedList::read(folder);
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(listed[0].path, "com~apple~CloudDocs/agent.sock");
+
+    InspectorWindowController inspector(fileManager);
+    inspector.showBackupInfo(controller->backups().last());
+    EXPECT_TRUE(inspector.notCopiedLabel()->isVisible());
+    EXPECT_EQ(inspector.notCopiedLabel()->text(), text("labelOneItemNotCopied"));
+    EXPECT_EQ(inspector.notCopiedList()->toPlainText(), alerts.shown[0].detailedText);
+
+    fs::remove(iCloud() / "com~apple~CloudDocs" / "agent.sock");
+    ASSERT_TRUE(backUp(*controller));
+    EXPECT_EQ(alerts.shown.size(), 1u) << "a complete backup ends in silence";
+    inspector.showBackupInfo(controller->backups().last());
+    EXPECT_FALSE(inspector.notCopiedLabel()->isVisible());
+    EXPECT_FALSE(fs::exists(NotCopiedList::pathFor(folderOf(controller->backups().last()))));
+}
+
+TEST_F(BackUpNowTest, TooLittleRoomForTheBackupRootRefusesAndAFullDiskDuringTheCopyLeavesNothing)
+{
+    if (!mountSmallVolume(home.dataHome() / "Pelmora", "1m"))
+        GTEST_SKIP() << "cannot mount a small tmpfs here";
+    writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "big.bin", 1200 * 1024);
+    auto controller = openWindow();
+
+    ASSERT_TRUE(backUp(*controller));
+    EXPECT_EQ(alerts.messages(), QStringList({text("alertNotEnoughDiskSpaceWarningMessage")}));
+    EXPECT_EQ(alerts.shown[0].informativeText, text("alertNotEnoughDiskSpaceToBackUpInfo"));
+    EXPECT_TRUE(backupRootEntries().empty());
+
+    // 600 KiB counted, but 300 files of 2 KiB take a block of 4 KiB each: the volume fills during the copy.
+    fs::remove(iCloud() / "com~apple~CloudDocs" / "big.bin");
+    for (int i = 0; i < 300; ++i)
+        writeFileOfSize(iCloud() / "com~apple~CloudDocs" / ("f" + std::to_string(i)), 2048);
+    ASSERT_TRUE(backUp(*controller));
+    ASSERT_EQ(alerts.shown.size(), 2);
+    EXPECT_EQ(alerts.shown[1].messageText, text("alertNotEnoughDiskSpaceWarningMessage"));
+    EXPECT_GT(controller->currentCountOfCopiedItems(), 0) << "stopped during the copy";
+    EXPECT_LT(controller->currentCountOfCopiedItems(), 300);
+    EXPECT_TRUE(backupRootEntries().empty()) << "neither folder nor mark nor list is left";
+    EXPECT_EQ(controller->backups().count(), 0);
+    EXPECT_TRUE(storedFolders().isEmpty());
+    expectIdle(*controller);
+}
+
+TEST_F(BackUpNowTest, ABackupFolderThatCannotBeMadeIsSaidWithItsReasonAndTheWindowComesBackToRest)
+{
+    makeiCloudFolder();
+    writeFile(home.dataHome() / "Pelmora", "a file where the backup root belongs");
+    auto controller = openWindow();
+
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        ASSERT_TRUE(backUp(*controller));
+        ASSERT_EQ(alerts.shown.size(), attempt + 1);
+        const Alert& alert = alerts.shown.last();
+        EXPECT_EQ(alert.messageText, text("alertBackupNotMadeMessage"));
+        EXPECT_EQ(alert.informativeText,
+                  text("formatStringItemNotWritten").arg(controller->iCloudBackupDirectory(), "Not a directory"));
+        expectIdle(*controller);
+        EXPECT_TRUE(controller->restoreFromBackupBtn()->isEnabled() || controller->backups().isEmpty());
+    }
+    EXPECT_EQ(readFile(home.dataHome() / "Pelmora"), "a file where the backup root belongs");
+    EXPECT_EQ(controller->backups().count(), 0);
+}
+
+TEST_F(BackUpNowTest, OneRunAtATimeAndTheProgressWindowCancelsInsteadOfHiding)
+{
+    makeiCloudFolder();
+    holdCopiesAfterTheFirstFile();
+    auto controller = openWindow();
+    QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
+    controller->backUpNow();
+    ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
+    EXPECT_EQ(controller->copyCountsLabel()->text(),
+              text("formatStringCopyProgress").arg("1", "3", ByteCountFormatter::stringFromByteCount(1200),
+                                                   ByteCountFormatter::stringFromByteCount(1512)));
+    const BackupOperation* run = controller->backUpRun();
+
+    controller->backUpNow();
+    EXPECT_EQ(controller->backUpRun(), run) << "a second Back Up while one runs does nothing";
+
+    QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
+    QCoreApplication::sendEvent(controller->operationProgressWindow(), &escape);
+    EXPECT_TRUE(controller->operationProgressWindow()->isVisible()) << "not hidden while the copy runs";
+    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled());
+    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCanceling"));
+    release.set_value();
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() == 1; }));
+    EXPECT_TRUE(backupRootEntries().empty());
+    expectIdle(*controller);
+
+    release = std::promise<void>();
+    controller->backUpNow();
+    ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
+    EXPECT_FALSE(controller->operationProgressWindow()->close()) << "the close button cancels instead";
+    EXPECT_TRUE(controller->operationProgressWindow()->isVisible());
+    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled());
+    release.set_value();
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() == 2; }));
+    EXPECT_TRUE(backupRootEntries().empty());
+    EXPECT_EQ(controller->backups().count(), 0);
+    expectIdle(*controller);
+}
+
+TEST_F(BackUpNowTest, UnwritablePreferencesAreSaidOnceTheListStaysAndTheNextWriteSavesItWhole)
+{
+    makeiCloudFolder();
+    int second = 0;
+    clock = [&] { return QDateTime::currentDateTime().addSecs(++second * 2); };
+    auto controller = openWindow();
+    const fs::path preferences = QFile::encodeName(defaults.filePath()).toStdString();
+    fs::remove(preferences);
+    makeFolder(preferences);
+
+    ASSERT_TRUE(backUp(*controller));
+    ASSERT_TRUE(backUp(*controller));
+    ASSERT_TRUE(runEventLoopUntil([&] { return !alerts.shown.isEmpty(); }));
+    EXPECT_EQ(alerts.messages(), QStringList({text("alertPreferencesNotSavedMessage")})) << "once per session";
+    EXPECT_TRUE(alerts.shown[0].informativeText.startsWith(
+        text("formatStringItemNotWritten").arg(defaults.filePath(), "Is a directory")));
+    ASSERT_EQ(controller->backups().count(), 2) << "the list in memory stays right";
+    EXPECT_EQ(controller->backupsTable()->model()->rowCount(), 2);
+    for (const BackupRecordRef& record : controller->backups().records())
+        EXPECT_TRUE(fs::exists(UnfinishedMark::pathFor(folderOf(record)))) << "not on disk yet, so still marked";
+
+    fs::remove(preferences);
+    ASSERT_TRUE(backUp(*controller));
+    const QStringList saved = storedFolders();
+    ASSERT_EQ(saved.size(), 3) << "the whole list, once the file can be written";
+    for (const BackupRecordRef& record : controller->backups().records())
+        EXPECT_FALSE(fs::exists(UnfinishedMark::pathFor(folderOf(record))));
+    EXPECT_EQ(alerts.shown.size(), 1);
+}
+
+TEST_F(BackUpNowTest, AtLaunchAMarkedFolderThatNoRecordNamesIsRemovedAndARecordedOneOnlyLosesItsMark)
+{
+    makeiCloudFolder();
+    const fs::path root = home.dataHome() / "Pelmora";
+    writeFile(root / "2026.01.01-10.00.00" / "com~apple~CloudDocs" / "half", "x");
+    ASSERT_FALSE(UnfinishedMark::set(root / "2026.01.01-10.00.00"));
+    writeFile(root / "2026.01.02-10.00.00" / "com~apple~CloudDocs" / "whole", "x");
+    ASSERT_FALSE(UnfinishedMark::set(root / "2026.01.02-10.00.00"));
+    writeFile(root / "2026.01.03-10.00.00" / "unmarked", "x");
+    storeBackups({BackupRecord::make(QDateTime::currentDateTime(), QString::fromStdString((root / "2026.01.02-10.00.00").string()), 1)});
+
+    auto controller = openWindow();
+    // The sweep runs in the background; the marks go last.
+    ASSERT_TRUE(runEventLoopUntil([&] { return UnfinishedMark::markedFolders(root).empty(); }));
+    EXPECT_EQ(backupRootEntries(), (std::vector<fs::path>{"2026.01.02-10.00.00", "2026.01.02-10.00.00/com~apple~CloudDocs",
+                                                          "2026.01.02-10.00.00/com~apple~CloudDocs/whole",
+                                                          "2026.01.03-10.00.00", "2026.01.03-10.00.00/unmarked"}))
+        << "an unmarked folder is nobody's business at launch";
     EXPECT_EQ(controller->backups().count(), 1);
 }
 
