@@ -22,11 +22,16 @@ bool isFinderClutter(const char* name)
 // The sums of one part of a tree: each thread of a walk adds up its own and hands them over once.
 struct PartialMeasure {
     const std::atomic<bool>* stopCounting = nullptr;
+    const std::atomic<bool>* abandon = nullptr;
     std::uint64_t size = 0;
     std::uint32_t count = 0; // unsigned so that the wrap is defined
 
+    bool abandoned() const { return abandon && abandon->load(std::memory_order_relaxed); }
+
     WalkAction visit(const WalkEntry& entry)
     {
+        if (abandoned())
+            return WalkAction::Stop;
         if (stopCounting && stopCounting->load(std::memory_order_relaxed))
             return WalkAction::Continue;
         // A ".DS_Store" folder is itself skipped but still walked into, as the deep walk does.
@@ -52,13 +57,9 @@ struct PartialMeasure {
 
 } // namespace
 
-FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::path& path)
-{
-    return sizeForDirectoryAtPath(path, nullptr);
-}
-
 FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::path& path,
-                                                       const std::atomic<bool>* stopCounting)
+                                                       const std::atomic<bool>* stopCounting,
+                                                       const std::atomic<bool>* abandon)
 {
     std::atomic<std::uint64_t> totalSize{0};
     std::atomic<std::uint32_t> filesCount{0};
@@ -66,11 +67,15 @@ FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::pa
         totalSize += part.size;
         filesCount += part.count;
     };
-    PartialMeasure rootEntries{stopCounting};
+    PartialMeasure rootEntries{stopCounting, abandon};
     ParallelWalk::walk(
         path, [&](const WalkEntry& entry) { return rootEntries.visit(entry); },
         [&](int rootFd, const std::string& name) {
-            PartialMeasure folder{stopCounting};
+            PartialMeasure folder{stopCounting, abandon};
+            // The folders found before the walk was abandoned are still handed out: each is let go
+            // without being opened.
+            if (folder.abandoned())
+                return;
             DirectoryWalker::walk(rootFd, name, [&](const WalkEntry& entry) { return folder.visit(entry); });
             add(folder);
         });

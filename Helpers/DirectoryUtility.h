@@ -19,11 +19,13 @@ public:
     // Walks the whole tree (hidden entries included) and counts every item that is not a folder:
     // regular files, symbolic links (never followed) and special files, except items named ".DS_Store"
     // and alias files. A missing or unreadable folder measures 0 bytes and 0 files.
-    static FolderMeasure sizeForDirectoryAtPath(const std::filesystem::path& path);
-    // The counting pass of a backup: the same rules, but once `stopCounting` is set the walk counts
-    // nothing more. It still runs to its end, as the pass it mirrors does.
+    //
+    // `stopCounting` is the counting pass of a backup being cancelled: once set, the walk counts nothing
+    // more but still runs to its end, as the pass it mirrors does. `abandon` is the program quitting: the
+    // walk, every thread of it, stops at once and what it answers means nothing.
     static FolderMeasure sizeForDirectoryAtPath(const std::filesystem::path& path,
-                                                const std::atomic<bool>* stopCounting);
+                                                const std::atomic<bool>* stopCounting = nullptr,
+                                                const std::atomic<bool>* abandon = nullptr);
 
     // The home folder of the process's real user from the password database, not from $HOME: the
     // environment can point elsewhere, while this must name the folder that holds the user's documents.

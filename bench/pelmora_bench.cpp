@@ -196,10 +196,10 @@ public:
     }
 
     // On a worker thread. The main thread then applies the updates still waiting and leaves its loop.
-    bool runThenQuit(const std::filesystem::path& source, const std::filesystem::path& destination,
-                     const std::atomic<bool>& cancel)
+    CopyOutcome runThenQuit(const std::filesystem::path& source, const std::filesystem::path& destination,
+                            const std::atomic<bool>& cancel)
     {
-        const bool finished = DirectoryCopier::copyDirectoryAtPath(
+        CopyOutcome outcome = DirectoryCopier::copyDirectoryAtPath(
             source, destination, cancel, [this](const std::filesystem::path& copiedSource) { m_progress->post(copiedSource); });
         QMetaObject::invokeMethod(
             QCoreApplication::instance(),
@@ -208,7 +208,7 @@ public:
                 QCoreApplication::quit();
             },
             Qt::QueuedConnection);
-        return finished;
+        return outcome;
     }
 
     std::uint64_t files = 0;
@@ -227,15 +227,17 @@ int copy(int argc, char* argv[])
     const std::filesystem::path destination(argv[3]);
     std::atomic<bool> cancelRequested{false};
     WindowedCopy copying(&application);
-    bool finished = false;
+    CopyOutcome outcome;
     using Clock = std::chrono::steady_clock;
     const Clock::time_point started = Clock::now();
-    std::thread worker([&] { finished = copying.runThenQuit(source, destination, cancelRequested); });
+    std::thread worker([&] { outcome = copying.runThenQuit(source, destination, cancelRequested); });
     QCoreApplication::exec();
     const Clock::time_point ended = Clock::now();
     worker.join();
-    std::printf("copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(copying.files),
-                static_cast<unsigned long long>(copying.bytes), finished ? "true" : "false");
+    // The scripts read the first three figures in this order.
+    std::printf("copied=%llu bytes=%llu result=%s not_copied=%zu\n",
+                static_cast<unsigned long long>(copying.files), static_cast<unsigned long long>(copying.bytes),
+                outcome.finished() ? "true" : "false", outcome.notCopied.size());
     // The program is already running when a backup starts: this is the backup's own time, without the
     // start of this process.
     std::fprintf(stderr, "copy_ms=%.1f\n", std::chrono::duration<double, std::milli>(ended - started).count());
@@ -255,7 +257,7 @@ int restore(int argc, char* argv[])
     std::atomic<bool> canceled{false};
     RestoreTotals totals;
     WindowedCopy copyBack(&application);
-    bool finished = false;
+    CopyOutcome outcome;
     std::thread copying;
     using Clock = std::chrono::steady_clock;
     const Clock::time_point started = Clock::now();
@@ -270,7 +272,7 @@ int restore(int argc, char* argv[])
             [&, measured] {
                 totals = measured;
                 copying = std::thread([&] {
-                    finished = copyBack.runThenQuit(backup, live, canceled);
+                    outcome = copyBack.runThenQuit(backup, live, canceled);
                     copied = Clock::now();
                 });
             },
@@ -279,8 +281,10 @@ int restore(int argc, char* argv[])
     QCoreApplication::exec();
     preparing.join();
     copying.join();
-    std::printf("pruned_then_copied=%llu bytes=%llu result=%s\n", static_cast<unsigned long long>(copyBack.files),
-                static_cast<unsigned long long>(copyBack.bytes), finished ? "true" : "false");
+    std::printf("pruned_then_copied=%llu bytes=%llu result=%s not_copied=%zu\n",
+                static_cast<unsigned long long>(copyBack.files),
+                static_cast<unsigned long long>(copyBack.bytes), outcome.finished() ? "true" : "false",
+                outcome.notCopied.size());
     std::fprintf(stderr, "to_copy=%d to_copy_bytes=%llu\n", totals.totalCount,
                  static_cast<unsigned long long>(totals.totalSize));
     const auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };

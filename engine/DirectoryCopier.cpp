@@ -4,6 +4,7 @@
 #include "Helpers/FolderNames.h"
 #include "engine/ItemCopier.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
@@ -28,7 +29,8 @@ constexpr std::size_t kListingChunkBytes = 32 * 1024;
 // the folder's descriptor so that a folder of any size costs one chunk.
 class Listing {
 public:
-    // Nothing at the end of the listing, or once reading it failed: what was listed by then is all of it.
+    // Nothing at the end of the listing, or once reading it failed: what was listed by then is all of it,
+    // and error() tells why it broke off.
     const dirent64* next(int folderFd)
     {
         if (m_cursor >= m_size && !readChunk(folderFd))
@@ -61,7 +63,7 @@ public:
             if (got > 0)
                 m_size += static_cast<std::size_t>(got);
             else
-                m_complete = true;
+                finish(got);
         }
     }
 
@@ -71,7 +73,17 @@ public:
         m_complete = true;
     }
 
+    // The errno of a listing that broke off part-way; 0 once it ended normally, or while it goes on.
+    int error() const { return m_error; }
+
 private:
+    void finish(ssize_t got)
+    {
+        m_complete = true;
+        if (got < 0)
+            m_error = errno;
+    }
+
     bool readChunk(int folderFd)
     {
         if (m_complete)
@@ -80,7 +92,8 @@ private:
         const ssize_t got = ::getdents64(folderFd, m_records.get(), kListingChunkBytes);
         m_size = got > 0 ? static_cast<std::size_t>(got) : 0;
         m_cursor = 0;
-        m_complete = got <= 0;
+        if (got <= 0)
+            finish(got);
         return got > 0;
     }
 
@@ -101,6 +114,7 @@ private:
     std::size_t m_capacity = 0;
     std::size_t m_cursor = 0;
     bool m_complete = false;
+    int m_error = 0;
 };
 
 struct Identity {
@@ -111,8 +125,8 @@ struct Identity {
 
 // One folder on the walk's current path.
 struct Level {
-    // -1 when the folder could not be opened: every call relative to it then fails with EBADF, which is
-    // what passes its items over. Also -1 while the level's descriptors are given up.
+    // Both open while the level is held: a folder that cannot be opened on either side is never entered.
+    // -1 while the level's descriptors are given up, or when one could not be taken back.
     int sourceFd = -1;
     int destinationFd = -1;
     Listing listing;
@@ -169,18 +183,35 @@ Identity identityOf(int fd)
 }
 
 // The child's ".." is taken only when it is still the folder that was given up: one moved away meanwhile
-// is not followed to wherever it went.
+// is not followed to wherever it went. -1 with errno set when it cannot be; ENOENT when the way back is
+// gone or leads to another folder.
 int reopenParent(int childFd, const Identity& identity)
 {
-    if (childFd < 0 || !identity.known)
+    if (childFd < 0 || !identity.known) {
+        errno = ENOENT;
         return -1;
+    }
     const int fd = ::openat(childFd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
     const Identity found = identityOf(fd);
     if (found.known && found.device == identity.device && found.inode == identity.inode)
         return fd;
-    if (fd >= 0)
-        ::close(fd);
+    ::close(fd);
+    errno = ENOENT;
     return -1;
+}
+
+bool isOutOfSpace(int code)
+{
+    return code == ENOSPC || code == EDQUOT;
+}
+
+// Gone from the source since it was listed: there is nothing left that the copy could lack.
+bool vanished(int sourceParentFd, const char* name)
+{
+    struct stat status {};
+    return ::fstatat(sourceParentFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT;
 }
 
 void closeDescriptors(Level& level)
@@ -202,12 +233,16 @@ void appendName(std::string& path, const char* name)
 class Copy {
 public:
     Copy(const std::filesystem::path& source, const std::filesystem::path& destination,
-         const std::atomic<bool>& cancelRequested, const DirectoryCopier::Progress& progress)
+         const std::atomic<bool>& cancelRequested, const DirectoryCopier::Progress& progress,
+         const std::atomic<bool>* abandonRequested)
         : m_source(source)
         , m_destination(destination)
         , m_cancelRequested(cancelRequested)
         , m_progress(progress)
+        , m_abandonRequested(abandonRequested)
+        , m_itemCopier(abandonRequested)
         , m_sourcePath(source.native())
+        , m_rootPathLength(m_sourcePath.size())
     {
     }
 
@@ -220,105 +255,180 @@ public:
     Copy(const Copy&) = delete;
     Copy& operator=(const Copy&) = delete;
 
-    // False as soon as a cancel is seen after a copy; the folders on the current path are left as they are.
-    bool run()
+    // Once the walk stops early, the folders on the current path are left as they are.
+    CopyOutcome run()
     {
         enterRoot();
-        while (!m_stack.empty()) {
-            if (step() == Outcome::Cancelled)
-                return false;
-        }
-        return true;
+        while (!m_stack.empty() && m_outcome.finished())
+            step();
+        return std::move(m_outcome);
     }
 
 private:
-    enum class Outcome { Continue, Cancelled };
+    bool abandoned() const
+    {
+        return m_abandonRequested && m_abandonRequested->load(std::memory_order_relaxed);
+    }
+
+    // `code` is taken before the strings are built: building them may touch errno.
+    void notCopied(const char* operation, const std::string& path, int code)
+    {
+        m_outcome.notCopied.push_back(FsError{operation, path, code});
+        if (isOutOfSpace(code))
+            m_outcome.ending = CopyOutcome::Ending::OutOfSpace;
+    }
 
     void enterRoot()
     {
-        Level root;
-        const bool created = createRootDestination();
-        root.destinationFd = ::open(m_destination.c_str(), kOpenRootFlags);
-        root.sourceFd = ::open(m_source.c_str(), kOpenRootFlags);
+        const std::optional<bool> created = createRootDestination();
         if (!created)
-            root.destinationNames = FolderNames(root.destinationFd);
-        if (created && root.destinationFd >= 0)
+            return;
+        Level root;
+        root.destinationFd = ::open(m_destination.c_str(), kOpenRootFlags);
+        if (root.destinationFd < 0) {
+            const int code = errno;
+            notCopied("open", {}, code);
+            return;
+        }
+        root.sourceFd = ::open(m_source.c_str(), kOpenRootFlags);
+        if (root.sourceFd < 0) {
+            const int code = errno;
+            notCopied("open", {}, code);
+            if (*created)
+                finishUnreadFolder(AT_FDCWD, m_source.native(), root.destinationFd, {});
+            closeDescriptors(root);
+            return;
+        }
+        if (*created)
             root.sourceStatus = folderStatus(root.sourceFd, AT_FDCWD, m_source.native());
+        else
+            root.destinationNames = FolderNames(root.destinationFd);
         root.sourcePathLength = m_sourcePath.size();
         push(std::move(root));
     }
 
-    // True only when this walk made the folder itself. Whatever stands there already, a folder or not, is
-    // left alone; a file there simply makes every copy into it fail.
-    bool createRootDestination()
+    // Whether this walk made the folder itself; nothing when it is not there and cannot be made. Whatever
+    // stands there already, a folder or not, is left alone.
+    std::optional<bool> createRootDestination()
     {
         if (::mkdir(m_destination.c_str(), kFillingFolderMode) == 0)
             return true;
-        if (errno != ENOENT)
+        if (errno == ENOENT) {
+            std::filesystem::path parent = m_destination.has_filename()
+                                               ? m_destination.parent_path()
+                                               : m_destination.parent_path().parent_path();
+            std::error_code ignored;
+            std::filesystem::create_directories(parent, ignored);
+            if (::mkdir(m_destination.c_str(), kFillingFolderMode) == 0)
+                return true;
+        }
+        const int code = errno;
+        if (code == EEXIST)
             return false;
-        std::filesystem::path parent = m_destination.has_filename()
-                                           ? m_destination.parent_path()
-                                           : m_destination.parent_path().parent_path();
-        std::error_code ignored;
-        std::filesystem::create_directories(parent, ignored);
-        return ::mkdir(m_destination.c_str(), kFillingFolderMode) == 0;
+        notCopied("mkdir", {}, code);
+        return std::nullopt;
     }
 
-    Outcome step()
+    void step()
     {
+        if (abandoned()) {
+            m_outcome.ending = CopyOutcome::Ending::Cancelled;
+            return;
+        }
         Level& level = m_stack.back();
         const dirent64* entry = level.listing.next(level.sourceFd);
         if (!entry) {
+            if (const int code = level.listing.error())
+                notCopied("getdents64", relativePath(m_sourcePath.size()), code);
             leave();
-            return Outcome::Continue;
+            return;
         }
-        return handle(level, *entry);
+        handle(level, *entry);
     }
 
-    Outcome handle(Level& level, const dirent64& entry)
+    void handle(Level& level, const dirent64& entry)
     {
         if (isDotOrDotDot(entry.d_name) || isFinderClutter(entry.d_name))
-            return Outcome::Continue;
-        if (isFolder(level.sourceFd, entry)) {
+            return;
+        if (isFolder(level.sourceFd, entry))
             enter(entry.d_name);
-            return Outcome::Continue;
-        }
-        return copyItem(level, entry.d_name);
+        else
+            copyItem(level, entry.d_name);
     }
 
     // Any item already there counts, a dangling link included: an existing item is never replaced. One
-    // that appears after the destination folder was listed makes the exclusive creation fail instead.
-    Outcome copyItem(const Level& level, const char* name)
+    // that appears after the destination folder was listed makes the exclusive creation fail instead,
+    // which is the same case.
+    void copyItem(const Level& level, const char* name)
     {
         if (level.destinationNames.contains(level.destinationFd, name) || DirectoryUtility::isAliasFile(level.sourceFd, name))
-            return Outcome::Continue;
-        // A copy that fails is passed over like one that worked: the item is missing from the copy and the
-        // next run tries it again, since nothing was left in its place.
-        (void)m_itemCopier.copyItem(level.sourceFd, name, level.destinationFd, name);
-        if (m_cancelRequested.load())
-            return Outcome::Cancelled;
+            return;
+        // A failed copy leaves nothing in its place, so the next run tries the item again.
+        if (const std::optional<FsError> failure =
+                m_itemCopier.copyItem(level.sourceFd, name, level.destinationFd, name)) {
+            if (failure->code == ECANCELED && abandoned()) {
+                m_outcome.ending = CopyOutcome::Ending::Cancelled;
+                return;
+            }
+            if (failure->code != EEXIST && !(failure->code == ENOENT && vanished(level.sourceFd, name))) {
+                notCopied(failure->operation.c_str(), relativePath(name), failure->code);
+                if (!m_outcome.finished())
+                    return;
+            }
+        }
+        if (m_cancelRequested.load()) {
+            m_outcome.ending = CopyOutcome::Ending::Cancelled;
+            return;
+        }
         m_progress(sourcePathOf(name));
-        return Outcome::Continue;
     }
 
     // The destination folder comes first, so that it is there (empty) even when the source folder cannot
-    // be listed.
+    // be listed. Without a destination folder there is nothing to walk for.
     void enter(const char* listedName)
     {
         const std::string name(listedName); // the listing's memory moves below
         Level& parent = m_stack.back();
-        parent.listing.keepUnreadOnly();
-        Level child;
+        const std::string relative = relativePath(name.c_str());
         const bool created = ::mkdirat(parent.destinationFd, name.c_str(), kFillingFolderMode) == 0;
+        if (const int code = errno; !created && code != EEXIST) {
+            notCopied("mkdirat", relative, code);
+            return;
+        }
+        Level child;
         child.destinationFd = openFolder(parent.destinationFd, name);
+        if (child.destinationFd < 0) {
+            const int code = errno;
+            notCopied("openat", relative, code);
+            return;
+        }
         child.sourceFd = openFolder(parent.sourceFd, name);
-        if (!created)
-            child.destinationNames = FolderNames(child.destinationFd);
-        if (created && child.destinationFd >= 0)
+        if (child.sourceFd < 0) {
+            // One that vanished since it was listed is not missing from the copy.
+            if (const int code = errno; code != ENOENT)
+                notCopied("openat", relative, code);
+            if (created)
+                finishUnreadFolder(parent.sourceFd, name, child.destinationFd, relative);
+            closeDescriptors(child);
+            return;
+        }
+        parent.listing.keepUnreadOnly();
+        if (created)
             child.sourceStatus = folderStatus(child.sourceFd, parent.sourceFd, name);
+        else
+            child.destinationNames = FolderNames(child.destinationFd);
         child.sourcePathLength = m_sourcePath.size();
         appendName(m_sourcePath, name.c_str());
         push(std::move(child));
+    }
+
+    // A destination folder made for a source folder that could not be opened stays empty: it is finished
+    // at once, with what can be known of its original.
+    void finishUnreadFolder(int sourceParentFd, const std::string& name, int destinationFd,
+                            const std::string& relative)
+    {
+        if (const std::optional<struct stat> status = folderStatus(-1, sourceParentFd, name))
+            giveAttributes(-1, *status, destinationFd, relative);
     }
 
     void leave()
@@ -327,16 +437,19 @@ private:
         m_stack.pop_back();
         if (m_firstHeld >= m_stack.size() && !m_stack.empty())
             reacquire(m_stack.back(), finished);
-        finishDestination(finished);
+        if (finished.sourceStatus && finished.destinationFd >= 0)
+            giveAttributes(finished.sourceFd, *finished.sourceStatus, finished.destinationFd,
+                           relativePath(m_sourcePath.size()));
         closeDescriptors(finished);
         m_sourcePath.resize(finished.sourcePathLength);
     }
 
-    // The folder's content is what counts: attributes that cannot be given to it are passed over.
-    void finishDestination(const Level& level)
+    void giveAttributes(int sourceFd, const struct stat& status, int destinationFd,
+                        const std::string& relative)
     {
-        if (level.sourceStatus && level.destinationFd >= 0)
-            (void)m_itemCopier.copyFolderAttributes(level.sourceFd, *level.sourceStatus, level.destinationFd);
+        if (const std::optional<FsError> failure =
+                m_itemCopier.copyFolderAttributes(sourceFd, status, destinationFd))
+            notCopied(failure->operation.c_str(), relative, failure->code);
     }
 
     // The held levels are always the deepest ones: [m_firstHeld, size). Shallower ones give their
@@ -356,15 +469,36 @@ private:
         closeDescriptors(level);
     }
 
-    // A source folder that cannot be taken back has nothing more to copy; a destination folder that cannot
-    // makes the remaining copies into it fail.
+    // A folder that cannot be taken back on either side has nothing more that could be copied: the rest
+    // of its entries is one entry for the folder.
     void reacquire(Level& level, const Level& child)
     {
         level.sourceFd = reopenParent(child.sourceFd, level.sourceIdentity);
+        const int sourceError = errno;
         level.destinationFd = reopenParent(child.destinationFd, level.destinationIdentity);
-        if (level.sourceFd < 0)
-            level.listing.abandon();
+        const int destinationError = errno;
         m_firstHeld = m_stack.size() - 1;
+        if (level.sourceFd >= 0 && level.destinationFd >= 0)
+            return;
+        level.listing.abandon();
+        notCopied("openat", relativePath(child.sourcePathLength),
+                  level.sourceFd < 0 ? sourceError : destinationError);
+    }
+
+    // The source path's first `length` bytes, relative to the source root ("" for the root itself).
+    std::string relativePath(std::size_t length) const
+    {
+        std::size_t start = std::min(m_rootPathLength, length);
+        if (start < length && m_sourcePath[start] == '/')
+            ++start;
+        return m_sourcePath.substr(start, length - start);
+    }
+
+    std::string relativePath(const char* name) const
+    {
+        std::string path = relativePath(m_sourcePath.size());
+        appendName(path, name);
+        return path;
     }
 
     std::filesystem::path sourcePathOf(const char* name) const
@@ -378,17 +512,22 @@ private:
     const std::filesystem::path& m_destination;
     const std::atomic<bool>& m_cancelRequested;
     const DirectoryCopier::Progress& m_progress;
+    const std::atomic<bool>* m_abandonRequested;
     ItemCopier m_itemCopier;
     std::vector<Level> m_stack;
     std::size_t m_firstHeld = 0;
     std::string m_sourcePath;
+    std::size_t m_rootPathLength;
+    CopyOutcome m_outcome;
 };
 
 } // namespace
 
-bool DirectoryCopier::copyDirectoryAtPath(const std::filesystem::path& source,
-                                          const std::filesystem::path& destination,
-                                          const std::atomic<bool>& cancelRequested, const Progress& progress)
+CopyOutcome DirectoryCopier::copyDirectoryAtPath(const std::filesystem::path& source,
+                                                 const std::filesystem::path& destination,
+                                                 const std::atomic<bool>& cancelRequested,
+                                                 const Progress& progress,
+                                                 const std::atomic<bool>* abandonRequested)
 {
-    return Copy(source, destination, cancelRequested, progress).run();
+    return Copy(source, destination, cancelRequested, progress, abandonRequested).run();
 }

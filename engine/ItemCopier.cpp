@@ -23,7 +23,6 @@ constexpr int kSourceFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_C
 // by others, whatever the original's final permission bits are.
 constexpr mode_t kFillingMode = S_IRUSR | S_IWUSR;
 constexpr std::size_t kTransferBytes = 256 * 1024;
-constexpr std::size_t kRangeBytes = std::size_t(1) << 30;
 constexpr std::size_t kMaxLinkTargetBytes = 1 << 20;
 // Smaller files fit in the kernel's first read-ahead anyway.
 constexpr off_t kSequentialHintBytes = 1 << 20;
@@ -114,8 +113,9 @@ mode_t permissionBits(const struct stat& source, int destination)
 
 } // namespace
 
-ItemCopier::ItemCopier()
-    : m_attributeNames(XATTR_LIST_MAX)
+ItemCopier::ItemCopier(const std::atomic<bool>* abandonRequested)
+    : m_abandonRequested(abandonRequested)
+    , m_attributeNames(XATTR_LIST_MAX)
     , m_attributeValue(XATTR_SIZE_MAX)
 {
 }
@@ -135,9 +135,12 @@ std::optional<FsError> ItemCopier::copyItem(int sourceParentFd, const char* sour
         return copyFifo(status, destinationParentFd, destinationName);
     case S_IFDIR:
         return FsError{"copy", sourceName, EISDIR};
+    case S_IFSOCK:
+        // A socket only stands for the program listening on it; a copy would be a dead end.
+        return FsError{"copy socket", sourceName, ENOTSUP};
     default:
-        // Devices and sockets: a copy of one would not be the thing it stands for.
-        return FsError{"copy", sourceName, ENOTSUP};
+        // A copy of a device would not be the thing it stands for.
+        return FsError{"copy device", sourceName, ENOTSUP};
     }
 }
 
@@ -195,6 +198,8 @@ std::optional<FsError> ItemCopier::copyContent(int source, const struct stat& st
 {
     if (status.st_size == 0)
         return std::nullopt;
+    if (abandoned())
+        return FsError{"copy", sourceName, ECANCELED};
     // A clone shares the blocks on file systems that can (Btrfs, XFS): instant, and no space used twice.
     // Refused, it has written nothing.
     if (::ioctl(destination, FICLONE, source) == 0)
@@ -204,6 +209,8 @@ std::optional<FsError> ItemCopier::copyContent(int source, const struct stat& st
         ::posix_fadvise(source, 0, 0, POSIX_FADV_SEQUENTIAL);
     off_t remaining = status.st_size;
     while (remaining > 0) {
+        if (abandoned())
+            return FsError{"copy_file_range", sourceName, ECANCELED};
         const std::size_t wanted = std::min<std::size_t>(static_cast<std::size_t>(remaining), kRangeBytes);
         const ssize_t copied = ::copy_file_range(source, nullptr, destination, nullptr, wanted, 0);
         if (copied > 0) {
@@ -227,6 +234,8 @@ std::optional<FsError> ItemCopier::copyByReadAndWrite(int source, off_t remainin
     if (remaining > 0 && m_transfer.empty())
         m_transfer.resize(kTransferBytes);
     while (remaining > 0) {
+        if (abandoned())
+            return FsError{"read", sourceName, ECANCELED};
         const std::size_t wanted =
             std::min<std::size_t>(static_cast<std::size_t>(remaining), m_transfer.size());
         const ssize_t got = ::read(source, m_transfer.data(), wanted);
@@ -318,4 +327,9 @@ std::optional<FsError> ItemCopier::copyPermissionsAndTimes(const struct stat& so
     if (::futimens(destination, times) != 0)
         return FsError{"futimens", destinationName, errno};
     return std::nullopt;
+}
+
+bool ItemCopier::abandoned() const
+{
+    return m_abandonRequested && m_abandonRequested->load(std::memory_order_relaxed);
 }

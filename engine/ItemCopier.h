@@ -2,6 +2,8 @@
 
 #include "Helpers/FsError.h"
 
+#include <atomic>
+#include <cstddef>
 #include <optional>
 #include <sys/stat.h>
 #include <vector>
@@ -16,15 +18,22 @@
 // - A regular file gets its content (reflink clone, else copy_file_range, else read and write), its
 //   extended attributes (those the destination accepts, never "security." ones), its permission bits and,
 //   last, its access and modification times to the nanosecond. A link gets its target and its own times;
-//   a FIFO its permissions and times. Devices and sockets are not copied.
+//   a FIFO its permissions and times. Devices and sockets are not copied: they fail with ENOTSUP.
 // - A copy that fails leaves nothing behind: an item this copier created is removed again, so that no
 //   truncated file can pass for a finished one later.
+// - A program that quits must not wait for a large file to finish: with `abandonRequested` set, the copy
+//   of a file's content stops between two ranges (at most kRangeBytes apart), what was written is
+//   removed, and the copy fails with ECANCELED.
 //
 // Failures come back as values; FsError::path holds the name of the item concerned, relative to its
 // folder. One copier keeps its buffers from item to item: use one per thread.
 class ItemCopier {
 public:
-    ItemCopier();
+    // The most one copy_file_range call moves: a fraction of a second of disk time, so a quit never
+    // waits long, and still large enough that the calls themselves cost nothing measurable.
+    static constexpr std::size_t kRangeBytes = std::size_t(64) << 20;
+
+    explicit ItemCopier(const std::atomic<bool>* abandonRequested = nullptr);
 
     [[nodiscard]] std::optional<FsError> copyItem(int sourceParentFd, const char* sourceName,
                                                   int destinationParentFd, const char* destinationName);
@@ -55,6 +64,9 @@ private:
                                                  const char* destinationName);
     static std::optional<FsError> copyPermissionsAndTimes(const struct stat& source, int destination,
                                                           const char* destinationName);
+    bool abandoned() const;
+
+    const std::atomic<bool>* m_abandonRequested;
 
     std::vector<char> m_attributeNames;
     std::vector<char> m_attributeValue;

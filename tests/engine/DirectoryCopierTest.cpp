@@ -3,6 +3,7 @@
 #include "support/TreeBuilder.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -87,14 +88,16 @@ protected:
     fs::path source() const { return home.path() / "Mobile Documents"; }
     fs::path destination() const { return home.path() / "backups" / "2026.11.22-10.00.00"; }
 
-    bool copy(const std::function<void(const fs::path&)>& alsoOnProgress = {})
+    CopyOutcome copy(const std::function<void(const fs::path&)>& alsoOnProgress = {})
     {
-        return DirectoryCopier::copyDirectoryAtPath(source(), destination(), cancel,
-                                                    [&](const fs::path& copied) {
-                                                        progress.push_back(copied);
-                                                        if (alsoOnProgress)
-                                                            alsoOnProgress(copied);
-                                                    });
+        return DirectoryCopier::copyDirectoryAtPath(
+            source(), destination(), cancel,
+            [&](const fs::path& copied) {
+                progress.push_back(copied);
+                if (alsoOnProgress)
+                    alsoOnProgress(copied);
+            },
+            &abandon);
     }
 
     // Relative to the source, sorted.
@@ -109,8 +112,32 @@ protected:
 
     TestHome home;
     std::atomic<bool> cancel{false};
+    std::atomic<bool> abandon{false};
     std::vector<fs::path> progress;
 };
+
+// As "path call errno", sorted: the order of the listing is the file system's.
+std::vector<std::string> notCopied(const CopyOutcome& outcome)
+{
+    std::vector<std::string> items;
+    for (const FsError& item : outcome.notCopied)
+        items.push_back(item.path.native() + " " + item.operation + " " + std::to_string(item.code));
+    std::sort(items.begin(), items.end());
+    return items;
+}
+
+std::string endingOf(const CopyOutcome& outcome)
+{
+    switch (outcome.ending) {
+    case CopyOutcome::Ending::Finished:
+        return "finished";
+    case CopyOutcome::Ending::Cancelled:
+        return "cancelled";
+    case CopyOutcome::Ending::OutOfSpace:
+        return "out of space";
+    }
+    return "?";
+}
 
 TEST_F(DirectoryCopierTest, CopiesEveryItemWithItsPermissionsTimesAndLinkTargetsButNoFinderClutter)
 {
@@ -140,8 +167,10 @@ TEST_F(DirectoryCopierTest, CopiesEveryItemWithItsPermissionsTimesAndLinkTargets
     std::erase_if(expected,
                   [](const auto& item) { return item.first.find(".DS_Store") != std::string::npos; });
 
-    EXPECT_TRUE(copy());
+    const CopyOutcome outcome = copy();
 
+    EXPECT_EQ(endingOf(outcome), "finished");
+    EXPECT_THAT(notCopied(outcome), ElementsAre());
     EXPECT_EQ(snapshot(destination()), expected);
     EXPECT_EQ(describe(destination()), describe(source()));
     // Folders alone report no progress.
@@ -153,7 +182,8 @@ TEST_F(DirectoryCopierTest, CopiesEveryItemWithItsPermissionsTimesAndLinkTargets
 
 TEST_F(DirectoryCopierTest, WhatIsAlreadyAtTheDestinationIsLeftAsItIsAndNeverWrittenThrough)
 {
-    for (const char* name : {"same-name.txt", "over-dangling-link", "doc.txt", "sub/inner.txt"})
+    for (const char* name : {"same-name.txt", "over-dangling-link", "doc.txt", "sub/inner.txt", "docs/a.txt",
+                             "docs/inner/b.txt"})
         writeFile(source() / name, "new");
     writeFile(source() / "fresh.txt", "fresh");
     writeFile(source() / "folder" / "inner.txt", "inner");
@@ -168,9 +198,10 @@ TEST_F(DirectoryCopierTest, WhatIsAlreadyAtTheDestinationIsLeftAsItIsAndNeverWri
     makeFolder(outsideFolder);
     makeSymlink(outsideFile.native(), destination() / "doc.txt");
     makeSymlink(outsideFolder.native(), destination() / "sub");
+    writeFile(destination() / "docs", "a file where a folder would go");
     const std::string before = describe(destination() / "same-name.txt");
 
-    EXPECT_TRUE(copy());
+    const CopyOutcome outcome = copy();
 
     EXPECT_EQ(describe(destination() / "same-name.txt"), before);
     EXPECT_EQ(fs::read_symlink(destination() / "over-dangling-link").native(), "nowhere");
@@ -182,20 +213,27 @@ TEST_F(DirectoryCopierTest, WhatIsAlreadyAtTheDestinationIsLeftAsItIsAndNeverWri
     EXPECT_TRUE(fs::is_empty(outsideFolder));
     EXPECT_EQ(fs::read_symlink(destination() / "doc.txt").native(), outsideFile.native());
     EXPECT_EQ(fs::read_symlink(destination() / "sub").native(), outsideFolder.native());
-    // The copy into the planted folder link fails, and a failed copy is still a step of the walk.
-    EXPECT_THAT(progressRelative(), ElementsAre("folder/inner.txt", "fresh.txt", "sub/inner.txt"));
+    EXPECT_EQ(readFile(destination() / "docs"), "a file where a folder would go");
+    // A folder that cannot be made at the destination is one item missing, whatever it holds: nothing in
+    // it is even tried. Items already there are not missing.
+    EXPECT_EQ(endingOf(outcome), "finished");
+    EXPECT_THAT(notCopied(outcome), ElementsAre("docs openat " + std::to_string(ENOTDIR),
+                                                "sub openat " + std::to_string(ENOTDIR)));
+    EXPECT_THAT(progressRelative(), ElementsAre("folder/inner.txt", "fresh.txt"));
 }
 
-TEST_F(DirectoryCopierTest, ADestinationThatIsAFileMakesEveryCopyFailQuietly)
+TEST_F(DirectoryCopierTest, ADestinationThatIsAFileIsTheOneItemMissingAndNothingIsTried)
 {
     writeFile(source() / "a.txt", "a");
     writeFile(source() / "d" / "b.txt", "b");
     writeFile(destination(), "I am a file");
 
-    EXPECT_TRUE(copy());
+    const CopyOutcome outcome = copy();
 
     EXPECT_EQ(readFile(destination()), "I am a file");
-    EXPECT_THAT(progressRelative(), ElementsAre("a.txt", "d/b.txt"));
+    EXPECT_EQ(endingOf(outcome), "finished");
+    EXPECT_THAT(notCopied(outcome), ElementsAre(" open " + std::to_string(ENOTDIR)));
+    EXPECT_TRUE(progress.empty());
 }
 
 TEST_F(DirectoryCopierTest, ACancelStopsTheWholeWalkRightAfterTheNextCopyButNotWhenNothingIsLeftToCopy)
@@ -206,12 +244,12 @@ TEST_F(DirectoryCopierTest, ACancelStopsTheWholeWalkRightAfterTheNextCopyButNotW
     makeFolder(source() / "empty");
     writeFile(destination() / "already-there.txt", "x");
 
-    EXPECT_TRUE(copy([&](const fs::path&) { cancel = true; }));
+    EXPECT_EQ(endingOf(copy([&](const fs::path&) { cancel = true; })), "finished");
     EXPECT_THAT(progressRelative(), ElementsAre("first.txt"));
 
     // Still set, and now first.txt is at the destination too: no copy is attempted, so nothing stops.
     progress.clear();
-    EXPECT_TRUE(copy());
+    EXPECT_EQ(endingOf(copy()), "finished");
     EXPECT_TRUE(progress.empty());
 
     cancel = false;
@@ -220,26 +258,48 @@ TEST_F(DirectoryCopierTest, ACancelStopsTheWholeWalkRightAfterTheNextCopyButNotW
         writeFile(source() / "sub" / ("inner" + std::to_string(i)), "x");
     }
     // Asked for inside the sub-folder: the folders above must stop too.
-    EXPECT_FALSE(copy([&](const fs::path& copied) { cancel = copied.parent_path() == source() / "sub"; }));
+    const CopyOutcome outcome =
+        copy([&](const fs::path& copied) { cancel = copied.parent_path() == source() / "sub"; });
+    EXPECT_EQ(endingOf(outcome), "cancelled");
     ASSERT_FALSE(progress.empty());
     EXPECT_EQ(progress.back().parent_path(), source() / "sub");
     EXPECT_EQ(regularFilesBelow(destination()).size(), 2 + progress.size() + 1);
 }
 
-TEST_F(DirectoryCopierTest, WhatCannotBeReadIsPassedOverAndTheWalkGoesOn)
+TEST_F(DirectoryCopierTest, AQuitStopsTheWalkBeforeTheNextEntryAndLeavesNoPartialFile)
+{
+    for (int i = 0; i < 4; ++i)
+        writeFile(source() / ("big" + std::to_string(i)), std::string(2 * 1024 * 1024, 'b'));
+    writeFile(source() / "sub" / "inner", "x");
+
+    const CopyOutcome outcome = copy([&](const fs::path&) { abandon = true; });
+
+    EXPECT_EQ(endingOf(outcome), "cancelled");
+    ASSERT_EQ(progress.size(), 1u);
+    const fs::path first = progress.front().lexically_relative(source());
+    // The first item copied is the only one: every other file, in whatever folder, is left out whole.
+    EXPECT_EQ(regularFilesBelow(destination()), (std::set<std::string>{first.native()}));
+    EXPECT_EQ(readFile(destination() / first), readFile(source() / first));
+}
+
+TEST_F(DirectoryCopierTest, WhatCannotBeCopiedIsListedAndTheWalkGoesOn)
 {
     writeFile(source() / "readable.txt", "r");
-    writeFile(source() / "locked.txt", "l");
-    writeFile(source() / "locked-folder" / "inside.txt", "i");
+    writeFile(source() / "sub" / "locked.txt", "l");
+    writeFile(source() / "sub" / "locked-folder" / "inside.txt", "i");
     writeFile(source() / "z" / "after.txt", "a");
-    ::chmod((source() / "locked.txt").c_str(), 0);
-    ::chmod((source() / "locked-folder").c_str(), 0);
+    ASSERT_EQ(::mknod((source() / "socket").c_str(), S_IFSOCK | 0666, 0), 0);
+    ::chmod((source() / "sub" / "locked.txt").c_str(), 0);
+    ::chmod((source() / "sub" / "locked-folder").c_str(), 0);
     ::chmod(home.path().c_str(), 0755);
     makeFolder(home.path() / "backups");
     ::chmod((home.path() / "backups").c_str(), 0777);
 
     const std::optional<std::string> answer = runUnprivileged([&] {
-        std::string answer = copy() ? "true" : "false";
+        const CopyOutcome outcome = copy();
+        std::string answer = endingOf(outcome) + ";";
+        for (const std::string& item : notCopied(outcome))
+            answer += " " + item + ";";
         for (const std::string& name : progressRelative())
             answer += " " + name;
         return answer;
@@ -247,10 +307,13 @@ TEST_F(DirectoryCopierTest, WhatCannotBeReadIsPassedOverAndTheWalkGoesOn)
     if (!answer)
         GTEST_SKIP() << "cannot run a child as an unprivileged user here";
 
-    // The failed copy of locked.txt still counts as a step; the locked folder gives an empty copy.
-    EXPECT_EQ(*answer, "true locked.txt readable.txt z/after.txt");
+    // A failed copy still counts as a step; the locked folder gives an empty copy.
+    const std::string eacces = std::to_string(EACCES);
+    EXPECT_EQ(*answer, "finished; socket copy socket " + std::to_string(ENOTSUP) +
+                           "; sub/locked-folder openat " + eacces + "; sub/locked.txt openat " + eacces +
+                           "; readable.txt socket sub/locked.txt z/after.txt");
     EXPECT_EQ(regularFilesBelow(destination()), (std::set<std::string>{"readable.txt", "z/after.txt"}));
-    EXPECT_TRUE(fs::is_directory(fs::symlink_status(destination() / "locked-folder")));
+    EXPECT_TRUE(fs::is_directory(fs::symlink_status(destination() / "sub" / "locked-folder")));
 }
 
 TEST_F(DirectoryCopierTest, ItemsThatVanishMidWalkArePassedOver)
@@ -260,9 +323,10 @@ TEST_F(DirectoryCopierTest, ItemsThatVanishMidWalkArePassedOver)
         writeFile(source() / ("folder" + std::to_string(i)) / "inner", "content");
     }
 
-    // The first copy takes everything else away: all of it was listed already.
+    // The first copy takes everything else away: all of it was listed already. What is gone is not
+    // missing from the copy.
     fs::path first;
-    EXPECT_TRUE(copy([&](const fs::path& copied) {
+    const CopyOutcome outcome = copy([&](const fs::path& copied) {
         if (!first.empty())
             return;
         first = copied.lexically_relative(source());
@@ -270,8 +334,10 @@ TEST_F(DirectoryCopierTest, ItemsThatVanishMidWalkArePassedOver)
             if (name != first.begin()->native())
                 removeTree(source() / name);
         }
-    }));
+    });
 
+    EXPECT_EQ(endingOf(outcome), "finished");
+    EXPECT_THAT(notCopied(outcome), ElementsAre());
     EXPECT_EQ(regularFilesBelow(destination()), (std::set<std::string>{first.native()}));
     EXPECT_EQ(readFile(destination() / first), "content");
 }
@@ -285,7 +351,7 @@ TEST_F(DirectoryCopierTest, CopiesTreesDeeperThanPathMax)
     writeFile(pathOf(deepest) / "leaf.txt", "at the bottom");
     ::close(deepest);
 
-    EXPECT_TRUE(copy());
+    EXPECT_EQ(endingOf(copy()), "finished");
 
     const int copied = makeDeepChain(destination(), name.c_str(), depth);
     EXPECT_EQ(readFile(pathOf(copied) / "leaf.txt"), "at the bottom");
@@ -333,31 +399,39 @@ TEST_F(DirectoryCopierTest, DeepTreesAreCopiedDepthFirstInListingOrderWithFewDes
     const int descriptorsBefore = openDescriptorCount();
 
     int mostDescriptors = 0;
-    EXPECT_TRUE(
-        copy([&](const fs::path&) { mostDescriptors = std::max(mostDescriptors, openDescriptorCount()); }));
+    const CopyOutcome outcome =
+        copy([&](const fs::path&) { mostDescriptors = std::max(mostDescriptors, openDescriptorCount()); });
 
+    EXPECT_EQ(endingOf(outcome), "finished");
+    EXPECT_THAT(notCopied(outcome), ElementsAre());
     EXPECT_EQ(progress, expected);
     EXPECT_EQ(snapshot(destination()), original);
     EXPECT_LE(mostDescriptors - descriptorsBefore, static_cast<int>(DirectoryCopier::kMaxHeldLevels) * 2 + 4);
     EXPECT_EQ(openDescriptorCount(), descriptorsBefore);
 }
 
-TEST_F(DirectoryCopierTest, ADiskThatFillsUpLeavesNoTruncatedFileAndTheWalkGoesOn)
+TEST_F(DirectoryCopierTest, ADiskThatFillsUpStopsTheWalkAtOnceAndLeavesNoTruncatedFile)
 {
     const fs::path backups = home.path() / "backups";
     makeFolder(backups);
     if (::mount("tmpfs", backups.c_str(), "tmpfs", 0, "size=256k") != 0)
         GTEST_SKIP() << "cannot mount a tmpfs here";
     const std::shared_ptr<void> unmount(nullptr, [&](void*) { ::umount2(backups.c_str(), MNT_DETACH); });
-    writeFile(source() / "a.txt", std::string(10 * 1024, 'a'));
-    writeFile(source() / "big.bin", std::string(1024 * 1024, 'b'));
-    writeFile(source() / "c" / "d.txt", std::string(10 * 1024, 'd'));
+    const int files = 64; // 1 MiB in all, four times what fits
+    for (int i = 0; i < files; ++i)
+        writeFile(source() / ("folder" + std::to_string(i % 4)) / ("file" + std::to_string(i)),
+                  std::string(16 * 1024, static_cast<char>('a' + i % 26)));
 
-    EXPECT_TRUE(copy());
+    const CopyOutcome outcome = copy();
 
-    EXPECT_EQ(regularFilesBelow(destination()), (std::set<std::string>{"a.txt", "c/d.txt"}));
-    EXPECT_EQ(readFile(destination() / "c" / "d.txt"), std::string(10 * 1024, 'd'));
-    EXPECT_THAT(progressRelative(), ElementsAre("a.txt", "big.bin", "c/d.txt"));
+    EXPECT_EQ(endingOf(outcome), "out of space");
+    const std::set<std::string> copied = regularFilesBelow(destination());
+    EXPECT_GT(copied.size(), 0u);
+    EXPECT_LT(copied.size(), std::size_t(files));
+    // Every copy tried was a whole copy: the one that found the disk full was the last one tried.
+    EXPECT_EQ(progress.size(), copied.size());
+    for (const std::string& name : copied)
+        EXPECT_EQ(readFile(destination() / name), readFile(source() / name)) << name;
 }
 
 } // namespace

@@ -200,6 +200,20 @@ TEST_F(ItemCopierTest, AFileThatCannotBeReadLeavesNothingBehind)
     EXPECT_FALSE(isThere(destination() / "locked"));
 }
 
+TEST_F(ItemCopierTest, AnAbandonedCopyFailsAndLeavesNoPartialFile)
+{
+    writeFile(source() / "big", randomBytes(3 * 1024 * 1024));
+    std::atomic<bool> abandon{true};
+    ItemCopier quitting(&abandon);
+
+    EXPECT_EQ(errorOf(quitting.copyItem(sourceFd, "big", destinationFd, "big")), ECANCELED);
+    EXPECT_FALSE(isThere(destination() / "big"));
+
+    abandon = false;
+    EXPECT_EQ(outcome(quitting.copyItem(sourceFd, "big", destinationFd, "big")), "copied");
+    EXPECT_EQ(readFile(destination() / "big"), readFile(source() / "big"));
+}
+
 TEST_F(ItemCopierTest, AcrossFileSystemsAFileIsCopiedInFullAndAFullDiskLeavesNoTruncatedFile)
 {
     const fs::path small = home.path() / "small";

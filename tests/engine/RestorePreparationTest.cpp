@@ -78,8 +78,10 @@ protected:
     int copyBack()
     {
         int copied = 0;
-        EXPECT_TRUE(
-            DirectoryCopier::copyDirectoryAtPath(backup, live, canceled, [&](const fs::path&) { ++copied; }));
+        const CopyOutcome outcome =
+            DirectoryCopier::copyDirectoryAtPath(backup, live, canceled, [&](const fs::path&) { ++copied; });
+        EXPECT_TRUE(outcome.finished());
+        EXPECT_TRUE(outcome.notCopied.empty());
         return copied;
     }
 

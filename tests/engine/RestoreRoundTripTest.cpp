@@ -221,7 +221,10 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAd
     const std::string outsideBefore = describe(outside() / "victim.txt");
     buildLiveTree();
     std::atomic<bool> canceled{false};
-    ASSERT_TRUE(DirectoryCopier::copyDirectoryAtPath(live(), backup(), canceled, [](const fs::path&) {}));
+    const CopyOutcome backedUp =
+        DirectoryCopier::copyDirectoryAtPath(live(), backup(), canceled, [](const fs::path&) {});
+    ASSERT_TRUE(backedUp.finished());
+    ASSERT_TRUE(backedUp.notCopied.empty());
     changeLiveTree();
     std::map<std::string, std::string> hiddenBefore;
     for (const std::string& item : hiddenAdditions)
@@ -236,10 +239,13 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAd
     const RestoreTotals totals = RestorePreparation::measureFilesToCopy(backup(), live(), canceled);
     int copiedCount = 0;
     std::uint64_t copiedSize = 0;
-    EXPECT_TRUE(DirectoryCopier::copyDirectoryAtPath(backup(), live(), canceled, [&](const fs::path& source) {
-        ++copiedCount;
-        copiedSize += static_cast<std::uint64_t>(statusOf(source).st_size);
-    }));
+    const CopyOutcome restored =
+        DirectoryCopier::copyDirectoryAtPath(backup(), live(), canceled, [&](const fs::path& source) {
+            ++copiedCount;
+            copiedSize += static_cast<std::uint64_t>(statusOf(source).st_size);
+        });
+    EXPECT_TRUE(restored.finished());
+    EXPECT_TRUE(restored.notCopied.empty());
 
     EXPECT_EQ(totals.totalCount, copiedCount) << "the count must be what the copy creates";
     EXPECT_EQ(totals.totalSize, copiedSize);

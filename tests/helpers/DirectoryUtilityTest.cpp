@@ -88,6 +88,24 @@ TEST_F(FolderMeasureTest, UnreadableFoldersArePassedOver)
     EXPECT_EQ(*answer, "5/1");
 }
 
+TEST_F(FolderMeasureTest, AMeasureAbandonedAtQuitGoesThroughNothing)
+{
+    for (int folder = 0; folder < 8; ++folder) {
+        const fs::path sub = tree() / ("container" + std::to_string(folder)) / "sub";
+        for (int file = 0; file < 20; ++file)
+            writeFileOfSize(sub / ("f" + std::to_string(file)), 10);
+    }
+    ASSERT_EQ(measured(tree()), "1600/160");
+    const std::atomic<bool> keepCounting{false};
+    const std::atomic<bool> abandon{true};
+
+    const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(tree(), &keepCounting, &abandon);
+
+    // Not one file was looked at, on any thread.
+    EXPECT_EQ(measure.totalSize, 0u);
+    EXPECT_EQ(measure.totalFilesCount, 0);
+}
+
 struct ScriptedPasswordDatabase : PasswordDatabase {
     explicit ScriptedPasswordDatabase(std::optional<std::string> home) : home(std::move(home)) {}
     std::optional<std::string> homeDirectoryOfUser(uid_t) const override { return home; }
