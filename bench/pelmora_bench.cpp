@@ -11,7 +11,7 @@
 #include "platform/QtFolderChooser.h"
 #include "platform/UserDefaults.h"
 #include "ui/main/MainWindowController.h"
-#include "ui/main/ProgressRelay.h"
+#include "operations/ProgressRelay.h"
 
 #include <QApplication>
 #include <QDir>
