@@ -1,4 +1,7 @@
+#include "engine/NotCopiedList.h"
 #include "support/MainWindowFixture.h"
+
+#include <cerrno>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -29,10 +32,12 @@ TEST_F(DeleteAndRevealTest, YesRemovesTheFolderAndTheRecordAndAGoneFolderIsDropp
 {
     const fs::path second = folderOf(1);
     const QString first = *controller->backups().at(0)->backupFolder();
+    ASSERT_FALSE(NotCopiedList::write(second, {FsError{"openat", "com~apple~CloudDocs/locked", EACCES}}));
 
     controller->deleteBackup();
     EXPECT_EQ(alerts.messages(), QStringList({text("alertDeleteBackupMessage")}));
     EXPECT_FALSE(fs::exists(second));
+    EXPECT_FALSE(fs::exists(NotCopiedList::pathFor(second))) << "its list of what it lacked goes with it";
     EXPECT_EQ(controller->backups().count(), 1);
     EXPECT_EQ(storedFolders(), QStringList({first}));
     EXPECT_EQ(controller->backupsTable()->model()->rowCount(), 1);

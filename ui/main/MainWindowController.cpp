@@ -8,6 +8,7 @@
 #include "app/HomeFolderAcquisition.h"
 #include "app/iCloudPrefs.h"
 #include "engine/BackupRoot.h"
+#include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
 #include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
@@ -677,8 +678,13 @@ void MainWindowController::deleteBackup()
     if (!confirmed && !iCloudPrefs::dontAskAgainRemoveBackup(m_services.defaults))
         return;
     const QString folder = m_backups.at(row)->backupFolder().value_or(QString());
-    if (!folder.isEmpty())
-        ItemRemover::removeItemAtPath(QFile::encodeName(folder).toStdString()); // already gone is fine
+    if (!folder.isEmpty()) {
+        const std::filesystem::path path = QFile::encodeName(folder).toStdString();
+        const std::optional<FsError> failed = ItemRemover::removeItemAtPath(path);
+        // The list of what the backup lacks goes with it; already gone is fine.
+        if (!failed || failed->code == ENOENT)
+            NotCopiedList::remove(path);
+    }
     m_backups.removeAt(row);
     m_tableModel->reloadData();
     setLastBackupInfo();
