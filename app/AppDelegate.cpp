@@ -275,7 +275,9 @@ void AppDelegate::requestQuit(bool canAsk)
     if (!applicationShouldTerminate(canAsk))
         return;
     applicationWillTerminate();
-    QCoreApplication::quit();
+    // Not quit(): that asks every window to close first, and a window showing running work refuses.
+    // The guard above has already decided.
+    QCoreApplication::exit(0);
 }
 
 void AppDelegate::applicationWillTerminate()

@@ -717,6 +717,7 @@ void MainWindowController::cancelCopying()
 void MainWindowController::stopForQuit()
 {
     cancelCopying();
+    m_quitting = true; // from now on the progress window may close with the program
     m_stopMeasures->store(true);
     if (m_backUpRun && !m_backUpRun->hasEnded())
         m_backUpRun->abandonAndRemoveFolder(kQuitWait, isRecorded(m_backUpRun->backupFolder()));
@@ -808,7 +809,7 @@ static bool dismissesProgressWindow(QEvent* event)
 
 bool MainWindowController::eventFilter(QObject* watched, QEvent* event)
 {
-    if (watched == m_operationProgressWindow.get() && dismissesProgressWindow(event)) {
+    if (watched == m_operationProgressWindow.get() && !m_quitting && dismissesProgressWindow(event)) {
         if (m_progressUi->cancelCopyingBtn->isEnabled())
             cancelCopying();
         event->ignore();

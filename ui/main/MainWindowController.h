@@ -234,6 +234,7 @@ private:
     // Folders whose record is in the list but not yet on disk: their mark stays until a write succeeds.
     QStringList m_unsavedRecordFolders;
     bool m_toldAboutPreferences = false;
+    bool m_quitting = false;
     // Read by the measures of the iCloud folder, so that quitting does not wait for one to finish.
     std::shared_ptr<std::atomic<bool>> m_stopMeasures = std::make_shared<std::atomic<bool>>(false);
     bool m_calculatingiCloudSize = false;
