@@ -12,8 +12,8 @@ Cases, each in a new temporary home and one after another whatever the one befor
 - the backup root is a regular file: the backup-not-made alert, for Ctrl+B and for the button;
 - the settings file is a folder: one alert a session, the unrecorded folders removed at the next launch,
   and the whole list saved once the file can be written again;
-- with 300 MB to copy: Ctrl+B again during a copy, Escape and the close button during a copy, and a
-  SIGKILL during a copy followed by a new launch.
+- with 900 MB in 9,800 files to copy: Ctrl+B again during a copy, Escape and the close button during a copy, and a
+  SIGTERM during a copy (ended within two seconds), SIGKILL during a copy followed by a new launch.
 Alert texts are read back through the X selection that a triple click on them makes.
 
 Exit status: 0 passed, 1 failed (with a message saying what and where), 77 skipped (no Xvfb, xdotool or
@@ -1321,6 +1321,29 @@ def cancel_backups(session):
         log("cancelled by %s: %s and its mark are gone, the list is unchanged" % (how, os.path.basename(folder)))
 
 
+def terminated_during_backup(session):
+    """SIGTERM during a copy: the program ends within two seconds, and the folder it was filling goes."""
+    session.step = "sending SIGTERM during a backup"
+    before_entries, before_records = root_entries(session), session.records()
+    _, folder = start_copying(session, "the backup to terminate")
+    sent = time.monotonic()
+    os.kill(session.program.pid, signal.SIGTERM)
+    try:
+        status = session.program.wait(timeout=2.0)
+    except subprocess.TimeoutExpired:
+        raise Failure("Pelmora was still running 2 s after SIGTERM")
+    ended = time.monotonic() - sent
+    if status != 0:
+        raise Failure("Pelmora ended with status %d after SIGTERM" % status)
+    if root_entries(session) != before_entries:
+        raise Failure("after SIGTERM the root holds %s, before it held %s" % (root_entries(session), before_entries))
+    if session.records() != before_records:
+        raise Failure("the terminated backup changed the list: %s" % session.records())
+    log("SIGTERM during the copy: ended after %.2f s, %s and its mark are gone" % (ended, os.path.basename(folder)))
+    session.start_program(log_name="pelmora-after-term.log")
+    session.wait_main_window()
+
+
 def killed_during_backup(session):
     """SIGKILL during a copy leaves a marked partial folder; the next launch removes both."""
     session.step = "killing Pelmora during a backup"
@@ -1348,6 +1371,7 @@ def killed_during_backup(session):
 def big_copies(session):
     back_up_twice_at_once(session)
     cancel_backups(session)
+    terminated_during_backup(session)
     killed_during_backup(session)
 
 
@@ -1357,7 +1381,7 @@ SCENARIOS = [
     ("unreadable items", unreadable_items),
     ("backup root is a file", root_is_a_file),
     ("settings cannot be written", preferences_not_writable),
-    ("Ctrl+B again, cancel, kill during a copy", big_copies),
+    ("Ctrl+B again, cancel, SIGTERM, kill during a copy", big_copies),
 ]
 
 
