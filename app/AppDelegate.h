@@ -1,16 +1,13 @@
 #pragma once
 
 #include "engine/BackupRecord.h"
-#include "engine/CopyOutcome.h"
-#include "engine/DirectoryCopier.h"
+#include "operations/CopyOperation.h"
 #include "watch/SCEvents.h"
 
 #include <QDateTime>
 #include <QObject>
 #include <QString>
-#include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -43,9 +40,7 @@ public:
         FileManager& fileManager;
         SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
         std::chrono::milliseconds quitAppsCheckInterval{1000};
-        std::function<CopyOutcome(const std::filesystem::path&, const std::filesystem::path&, const std::atomic<bool>&,
-                                  const DirectoryCopier::Progress&, const std::atomic<bool>*)>
-            copier = {}; // empty: DirectoryCopier; tests wrap it to act at a chosen file
+        CopyOperation::Copier copier = {}; // empty: DirectoryCopier; tests wrap it to act at a chosen file
         std::function<QDateTime()> now = {}; // when a backup starts; empty: the wall clock
     };
 
