@@ -16,6 +16,10 @@
         <translation>Die Sicherung konnte nicht angelegt werden</translation>
     </message>
     <message>
+        <source>alertBackupNotRemovedMessage</source>
+        <translation>Die Sicherung konnte nicht vollständig entfernt werden</translation>
+    </message>
+    <message>
         <source>alertBadDirectoryInformativeText</source>
         <translation>Pelmora benötigt Zugriff auf Ihren persönlichen Ordner, um Ihren iCloud-Ordner zu finden. Starten Sie die Sicherung erneut und wählen Sie Ihren persönlichen Ordner aus.</translation>
     </message>
@@ -82,6 +86,18 @@
     <message>
         <source>alertPreferencesNotSavedMessage</source>
         <translation>Pelmora konnte seine Einstellungen nicht speichern</translation>
+    </message>
+    <message>
+        <source>alertRestoreDiskFullInfo</source>
+        <translation>Der Datenträger wurde voll, deshalb wurde die Wiederherstellung angehalten.</translation>
+    </message>
+    <message>
+        <source>alertRestoreIncompleteInfo</source>
+        <translation>Die Objekte stehen unter „Details“.</translation>
+    </message>
+    <message>
+        <source>alertRestoreIncompleteMessage</source>
+        <translation>Die Wiederherstellung konnte nicht alles erledigen</translation>
     </message>
     <message>
         <source>alertRestoreWarningMessage</source>
@@ -160,6 +176,10 @@
         <translation>App-Ordner: %1, Dateien insgesamt: %2</translation>
     </message>
     <message>
+        <source>formatStringBackupNotRemovedInfo</source>
+        <translation>„%1“ konnte nicht entfernt werden: %2. Die Sicherung bleibt aufgelistet.</translation>
+    </message>
+    <message>
         <source>formatStringCloseApps</source>
         <translation>Die unten aufgeführten Programme verwenden iCloud. Beenden Sie sie und klicken Sie dann auf „%1“.</translation>
     </message>
@@ -178,6 +198,22 @@
     <message>
         <source>formatStringItemsNotCopiedMessage</source>
         <translation>%1 Objekte konnten nicht kopiert werden</translation>
+    </message>
+    <message>
+        <source>formatStringRestoreKept</source>
+        <translation>%1 Objekte wurden behalten, weil die Sicherung für sie nicht geprüft werden konnte.</translation>
+    </message>
+    <message>
+        <source>formatStringRestoreNotCopied</source>
+        <translation>%1 Objekte konnten nicht zurückkopiert werden.</translation>
+    </message>
+    <message>
+        <source>formatStringRestoreNotRemoved</source>
+        <translation>%1 Objekte, die die Sicherung nicht enthält, konnten nicht in den Papierkorb verschoben werden.</translation>
+    </message>
+    <message>
+        <source>formatStringRestoreRemovedForGood</source>
+        <translation>%1 Objekte wurden endgültig entfernt: Auf ihrem Datenträger ließ sich kein Papierkorb verwenden.</translation>
     </message>
     <message>
         <source>labelAllYourBackups</source>

@@ -16,6 +16,10 @@
         <translation>The backup could not be made</translation>
     </message>
     <message>
+        <source>alertBackupNotRemovedMessage</source>
+        <translation>The backup could not be removed completely</translation>
+    </message>
+    <message>
         <source>alertBadDirectoryInformativeText</source>
         <translation>Pelmora needs access to your home folder to find your iCloud folder. Start the backup again and choose your home folder.</translation>
     </message>
@@ -82,6 +86,18 @@
     <message>
         <source>alertPreferencesNotSavedMessage</source>
         <translation>Pelmora could not save its settings</translation>
+    </message>
+    <message>
+        <source>alertRestoreDiskFullInfo</source>
+        <translation>The disk became full, so the restore stopped.</translation>
+    </message>
+    <message>
+        <source>alertRestoreIncompleteInfo</source>
+        <translation>The items are listed under Details.</translation>
+    </message>
+    <message>
+        <source>alertRestoreIncompleteMessage</source>
+        <translation>The restore could not do everything</translation>
     </message>
     <message>
         <source>alertRestoreWarningMessage</source>
@@ -160,6 +176,10 @@
         <translation>App folders: %1, files in total: %2</translation>
     </message>
     <message>
+        <source>formatStringBackupNotRemovedInfo</source>
+        <translation>“%1” could not be removed: %2. The backup stays listed.</translation>
+    </message>
+    <message>
         <source>formatStringCloseApps</source>
         <translation>The applications listed below use iCloud. Quit them, then click “%1”.</translation>
     </message>
@@ -178,6 +198,22 @@
     <message>
         <source>formatStringItemsNotCopiedMessage</source>
         <translation>%1 items could not be copied</translation>
+    </message>
+    <message>
+        <source>formatStringRestoreKept</source>
+        <translation>%1 items were kept because the backup could not be checked for them.</translation>
+    </message>
+    <message>
+        <source>formatStringRestoreNotCopied</source>
+        <translation>%1 items could not be copied back.</translation>
+    </message>
+    <message>
+        <source>formatStringRestoreNotRemoved</source>
+        <translation>%1 items that the backup does not hold could not be moved to the Trash.</translation>
+    </message>
+    <message>
+        <source>formatStringRestoreRemovedForGood</source>
+        <translation>%1 items were removed for good: no Trash could be used on their volume.</translation>
     </message>
     <message>
         <source>labelAllYourBackups</source>
