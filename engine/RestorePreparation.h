@@ -1,13 +1,35 @@
 #pragma once
 
+#include "Helpers/FsError.h"
+
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <vector>
+
+class Trash;
 
 // What a restore has to copy back: the files of the backup that the live folder lacks.
 struct RestoreTotals {
     std::uint64_t totalSize = 0;
     std::int32_t totalCount = 0; // wraps like the copier's counters
+};
+
+// How a restore's prune treats what goes and what it must never touch.
+struct PruneOptions {
+    Trash* trash = nullptr; // null: items are removed for good
+    // Paths relative to the backup folder that it never held (its not-copied list): kept, with
+    // everything inside them, and so are the folders that hold them.
+    std::vector<std::filesystem::path> neverPrune;
+};
+
+// What the prune did. Paths are relative to the live folder, bytes as on disk.
+struct PruneOutcome {
+    bool backupReadable = true;          // false: the backup folder could not be opened and listed; nothing was touched
+    std::int64_t trashed = 0;            // items moved to the Trash (a folder counts once)
+    std::vector<FsError> removedForGood; // no trash could be used on the item's volume: removed instead
+    std::vector<FsError> kept;           // the backup could not be checked for them: the lookup's call and errno
+    std::vector<FsError> notRemoved;     // should have gone but could not be moved or removed
 };
 
 // The preparation of a restore, on a background thread, before anything is copied. Both passes test
@@ -16,14 +38,16 @@ class RestorePreparation {
 public:
     RestorePreparation() = delete;
 
-    // Makes the live folder a subset of the backup: every item the backup does not hold the same way is
-    // removed. Hidden items (names beginning with ".") are never touched, nor is anything inside a
-    // hidden folder. A folder stays when the backup has a folder there; a file (or link, or other item)
-    // stays only when the backup has an item there with the same modification time, to the nanosecond.
-    // Links are removed as links: nothing outside the live folder is ever reached. Failed removals are
-    // passed over.
-    static void pruneLiveFolder(const std::filesystem::path& live, const std::filesystem::path& backup,
-                                const std::atomic<bool>& canceled);
+    // Makes the live folder a subset of the backup: every item the backup does not hold the same way
+    // goes to the Trash (or is removed, without one). A folder stays when the backup has a folder there;
+    // a file (or link, or other item) stays only when the backup has an item there with the same
+    // modification time, to the nanosecond. An item goes only when the backup is known to lack it: a
+    // lookup that fails for any other reason than the item's absence keeps it, a folder with everything
+    // in it, and a backup folder that cannot be read at all leaves the live folder as it is. Hidden items
+    // (names beginning with ".") are never touched, nor is anything inside a hidden folder. Links go as
+    // links: nothing outside the live folder is ever reached. A folder goes whole, as one item.
+    static PruneOutcome pruneLiveFolder(const std::filesystem::path& live, const std::filesystem::path& backup,
+                                        const std::atomic<bool>& canceled, const PruneOptions& options = {});
 
     // Counts the files the copy back will create: every non-folder item of the backup, hidden ones
     // included but ".DS_Store" and aliases not, with nothing at its place in the live folder.

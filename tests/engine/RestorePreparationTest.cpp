@@ -1,14 +1,21 @@
 #include "engine/RestorePreparation.h"
 
 #include "engine/DirectoryCopier.h"
+#include "engine/Trash.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <ctime>
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -58,6 +65,28 @@ std::string describe(const RestoreTotals& totals)
     return std::to_string(totals.totalCount) + " files, " + std::to_string(totals.totalSize) + " bytes";
 }
 
+// "call path errno" for each failure, sorted: the prune's threads add them in no fixed order.
+std::vector<std::string> described(const std::vector<FsError>& failures)
+{
+    std::vector<std::string> lines;
+    for (const FsError& failure : failures)
+        lines.push_back(failure.operation + " " + failure.path.native() + " " + std::to_string(failure.code));
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+std::string summary(const PruneOutcome& outcome)
+{
+    std::string text = outcome.backupReadable ? "readable" : "unreadable";
+    text += ", " + std::to_string(outcome.trashed) + " trashed";
+    for (const auto& [label, list] : {std::pair{"kept", &outcome.kept}, std::pair{"not removed", &outcome.notRemoved},
+                                      std::pair{"removed for good", &outcome.removedForGood}}) {
+        for (const std::string& line : described(*list))
+            text += std::string("; ") + label + ": " + line;
+    }
+    return text;
+}
+
 class RestorePreparationTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -68,9 +97,9 @@ protected:
     }
 
     // Both passes in the program's order; describes what the copy back is expected to create.
-    std::string prepare()
+    std::string prepare(const PruneOptions& options = {})
     {
-        RestorePreparation::pruneLiveFolder(live, backup, canceled);
+        pruned = RestorePreparation::pruneLiveFolder(live, backup, canceled, options);
         return describe(RestorePreparation::measureFilesToCopy(backup, live, canceled));
     }
 
@@ -90,6 +119,7 @@ protected:
     const fs::path backup = home.path() / "backups" / "2026.11.22-10.00.00";
     const fs::path outside = home.path() / "elsewhere";
     std::atomic<bool> canceled{false};
+    PruneOutcome pruned;
 };
 
 TEST_F(RestorePreparationTest, ALiveFileStaysOnlyWithTheBackupsTimeToTheNanosecond)
@@ -256,6 +286,125 @@ TEST_F(RestorePreparationTest, NamesThatAreNotUtf8AreMatchedByTheirBytes)
 
     EXPECT_EQ(copyBack(), 1);
     EXPECT_EQ(readFile(live / folder / "new\x80.txt"), "12345");
+}
+
+// The prune runs as a user the permission bits apply to: root would read the locked folders anyway.
+TEST_F(RestorePreparationTest, WhatTheBackupCannotVouchForIsKept)
+{
+    writeFile(live / "Locked" / "doc.txt", "edited since the backup");
+    writeFile(live / "Locked" / "sub" / "inner.txt", "inner");
+    writeFile(backup / "Locked" / "doc.txt", "backup's");
+    writeFile(live / "Unsearchable" / "a.txt", "edited since the backup");
+    writeFile(backup / "Unsearchable" / "a.txt", "backup's");
+    writeFile(live / "Open" / "extra.txt", "not in the backup");
+    makeFolder(backup / "Open");
+    writeFile(live / "gone.txt", "not in the backup");
+    ::chmod(home.path().c_str(), 0755);
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(live))
+        ::lchown(entry.path().c_str(), 65534, 65534);
+    ::chown(live.c_str(), 65534, 65534);
+    ::chmod((backup / "Locked").c_str(), 0);
+    ::chmod((backup / "Unsearchable").c_str(), 0444); // listed, but no item in it can be looked at
+    auto pruneUnprivileged = [&] {
+        return runUnprivileged([&] { return summary(RestorePreparation::pruneLiveFolder(live, backup, canceled)); });
+    };
+
+    ::chmod(backup.c_str(), 0);
+    const std::optional<std::string> unreadable = pruneUnprivileged();
+    if (!unreadable)
+        GTEST_SKIP() << "cannot run a child as an unprivileged user here";
+    EXPECT_EQ(*unreadable, "unreadable, 0 trashed");
+    for (const char* file : {"Locked/doc.txt", "Locked/sub/inner.txt", "Unsearchable/a.txt", "Open/extra.txt", "gone.txt"})
+        EXPECT_NE(itemAt(live / file), "missing") << file;
+
+    ::chmod(backup.c_str(), 0755);
+    const std::string eacces = std::to_string(EACCES);
+    EXPECT_EQ(pruneUnprivileged(), "readable, 0 trashed; kept: fstatat Unsearchable/a.txt " + eacces +
+                                       "; kept: openat Locked " + eacces);
+    EXPECT_EQ(readFile(live / "Locked" / "doc.txt"), "edited since the backup");
+    EXPECT_EQ(readFile(live / "Locked" / "sub" / "inner.txt"), "inner");
+    EXPECT_EQ(readFile(live / "Unsearchable" / "a.txt"), "edited since the backup");
+    EXPECT_EQ(itemAt(live / "Open" / "extra.txt"), "missing");
+    EXPECT_EQ(itemAt(live / "gone.txt"), "missing");
+    EXPECT_EQ(itemAt(live / "Open"), "folder");
+}
+
+TEST_F(RestorePreparationTest, WhatGoesLandsInTheTrashOnceEachAndCanBePutBack)
+{
+    Trash trash(home.dataHome());
+    writeDated(backup / "Pages" / "letter.pages", "as backed up");
+    writeDated(live / "Pages" / "letter.pages", "edited since", {kBackupTime.tv_sec + 1, 0});
+    writeFile(live / "Drafts" / "a.txt", "a");
+    writeFile(live / "Drafts" / "sub" / "b.txt", "b");
+    const std::string spaced = "R\xc3\xa9sum\xc3\xa9 100%.txt";
+    writeFile(live / spaced, "only live");
+    const std::time_t before = std::time(nullptr);
+
+    EXPECT_EQ(prepare({.trash = &trash, .neverPrune = {}}), "1 files, 12 bytes");
+    EXPECT_EQ(summary(pruned), "readable, 3 trashed");
+
+    const fs::path trashFolder = home.dataHome() / "Trash";
+    for (const char* folder : {"files", "info"}) {
+        struct stat status {};
+        ASSERT_EQ(::lstat((trashFolder / folder).c_str(), &status), 0) << folder;
+        EXPECT_EQ(status.st_mode & 07777, 0700u) << folder;
+    }
+    EXPECT_EQ(readFile(trashFolder / "files" / "letter.pages"), "edited since");
+    EXPECT_EQ(readFile(trashFolder / "files" / "Drafts" / "sub" / "b.txt"), "b");
+    std::vector<std::string> entries;
+    for (const fs::directory_entry& entry : fs::directory_iterator(trashFolder / "files"))
+        entries.push_back(entry.path().filename().native());
+    EXPECT_THAT(entries, ::testing::UnorderedElementsAre("letter.pages", "Drafts", spaced));
+
+    // Every byte beyond the unreserved ones is escaped, "/" is not; the date is local time.
+    const std::string info = readFile(trashFolder / "info" / (spaced + ".trashinfo"));
+    const std::string expectedStart =
+        "[Trash Info]\nPath=" + home.path().native() + "/Mobile%20Documents/R%C3%A9sum%C3%A9%20100%25.txt\nDeletionDate=";
+    ASSERT_TRUE(info.starts_with(expectedStart)) << info;
+    const std::string date = info.substr(expectedStart.size());
+    std::tm deleted {};
+    const char* rest = ::strptime(date.c_str(), "%Y-%m-%dT%H:%M:%S", &deleted);
+    ASSERT_NE(rest, nullptr) << date;
+    EXPECT_STREQ(rest, "\n");
+    deleted.tm_isdst = -1;
+    const std::time_t deletedAt = std::mktime(&deleted);
+    EXPECT_GE(deletedAt, before);
+    EXPECT_LE(deletedAt, std::time(nullptr));
+
+    EXPECT_EQ(copyBack(), 1);
+    EXPECT_EQ(readFile(live / "Pages" / "letter.pages"), "as backed up");
+    ASSERT_EQ(::rename((trashFolder / "files" / spaced).c_str(), (live / spaced).c_str()), 0);
+    ASSERT_EQ(::rename((trashFolder / "files" / "Drafts").c_str(), (live / "Drafts").c_str()), 0);
+    EXPECT_EQ(readFile(live / spaced), "only live");
+    EXPECT_EQ(readFile(live / "Drafts" / "a.txt"), "a");
+    EXPECT_EQ(readFile(live / "Drafts" / "sub" / "b.txt"), "b");
+}
+
+// What the backup never held cannot be put back: it stays, and so do the folders on the way to it,
+// while what else they hold is judged as usual.
+TEST_F(RestorePreparationTest, ItemsTheBackupNeverHeldStayWithTheirFolders)
+{
+    makeFolder(backup / "Numbers");
+    writeFile(live / "Numbers" / "big.numbers", "could not be read at backup time");
+    writeFile(live / "Numbers" / "other.txt", "not in the backup");
+    // The copier makes the folder it could not read, empty: what is in it must not be judged by that.
+    makeFolder(backup / "Pages" / "unreadable");
+    writeFile(live / "Pages" / "unreadable" / "doc.pages", "never backed up");
+    // A folder the backup could not even make, under one it lacks as well.
+    writeFile(live / "Keynote" / "Locked" / "inner" / "a.key", "never backed up");
+    writeFile(live / "Keynote" / "Locked" / "stray.txt", "not in the backup");
+    writeFile(live / "Keynote" / "other.txt", "not in the backup");
+    writeFile(live / "Trashed" / "x.txt", "not in the backup");
+
+    EXPECT_EQ(prepare({.neverPrune = {"Numbers/big.numbers", "Pages/unreadable/", "Keynote/Locked/inner"}}),
+              "0 files, 0 bytes");
+    EXPECT_EQ(summary(pruned), "readable, 0 trashed");
+
+    EXPECT_EQ(readFile(live / "Numbers" / "big.numbers"), "could not be read at backup time");
+    EXPECT_EQ(readFile(live / "Pages" / "unreadable" / "doc.pages"), "never backed up");
+    EXPECT_EQ(readFile(live / "Keynote" / "Locked" / "inner" / "a.key"), "never backed up");
+    for (const char* gone : {"Numbers/other.txt", "Keynote/Locked/stray.txt", "Keynote/other.txt", "Trashed"})
+        EXPECT_EQ(itemAt(live / gone), "missing") << gone;
 }
 
 } // namespace
