@@ -147,11 +147,13 @@ private:
                 m_levels.push_back({names[i], -1, i == 0 ? m_rootError : m_levels[i - 1].error});
                 continue;
             }
-            const int fd = ::openat(parent, names[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            const int fd =
+                ::openat(parent, names[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
             const int error = fd < 0 ? errno : 0;
             m_levels.push_back({names[i], fd, error});
             if (fd < 0)
-                reportUnreadable(relative.substr(0, std::min(relative.size(), relativeLength(names, i))), error);
+                reportUnreadable(relative.substr(0, std::min(relative.size(), relativeLength(names, i))),
+                                 error);
         }
     }
 
@@ -225,7 +227,8 @@ public:
             }
             if (item.front() == '/' || item == ".." || item.starts_with("../"))
                 continue; // names nothing in the live folder
-            for (std::size_t slash = item.find('/'); slash != std::string::npos; slash = item.find('/', slash + 1))
+            for (std::size_t slash = item.find('/'); slash != std::string::npos;
+                 slash = item.find('/', slash + 1))
                 m_holders.insert(item.substr(0, slash));
             m_listed.insert(std::move(item));
         }
@@ -370,9 +373,11 @@ private:
 void merge(PruneOutcome& into, PruneOutcome&& part)
 {
     into.trashed += part.trashed;
-    for (auto [list, from] : {std::pair{&into.removedForGood, &part.removedForGood}, std::pair{&into.kept, &part.kept},
-                              std::pair{&into.notRemoved, &part.notRemoved}})
-        list->insert(list->end(), std::make_move_iterator(from->begin()), std::make_move_iterator(from->end()));
+    for (auto [list, from] :
+         {std::pair{&into.removedForGood, &part.removedForGood}, std::pair{&into.kept, &part.kept},
+          std::pair{&into.notRemoved, &part.notRemoved}})
+        list->insert(list->end(), std::make_move_iterator(from->begin()),
+                     std::make_move_iterator(from->end()));
 }
 
 // Whether the folder can be read to its end: a backup that cannot vouch for anything must not be
@@ -479,7 +484,8 @@ PruneOutcome RestorePreparation::pruneLiveFolder(const std::filesystem::path& li
             CounterpartFolder backupSubfolder(subfolderFd, errno, [&](const std::string& relative, int code) {
                 pruner.keepUnreadable(relative, code);
             });
-            DirectoryWalker::walk(rootFd, name, [&](const WalkEntry& entry) { return pruner.visit(entry, backupSubfolder); });
+            DirectoryWalker::walk(
+                rootFd, name, [&](const WalkEntry& entry) { return pruner.visit(entry, backupSubfolder); });
             const std::lock_guard lock(merging);
             merge(outcome, std::move(pruner.outcome));
         });

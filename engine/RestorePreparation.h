@@ -25,11 +25,16 @@ struct PruneOptions {
 
 // What the prune did. Paths are relative to the live folder, bytes as on disk.
 struct PruneOutcome {
-    bool backupReadable = true;          // false: the backup folder could not be opened and listed; nothing was touched
-    std::int64_t trashed = 0;            // items moved to the Trash (a folder counts once)
-    std::vector<FsError> removedForGood; // no trash could be used on the item's volume: removed instead
-    std::vector<FsError> kept;           // the backup could not be checked for them: the lookup's call and errno
-    std::vector<FsError> notRemoved;     // should have gone but could not be moved or removed
+    // False when the backup folder could not be opened and listed: nothing was touched.
+    bool backupReadable = true;
+    // Items moved to the Trash; a folder counts once.
+    std::int64_t trashed = 0;
+    // No trash could be used on the item's volume: removed instead.
+    std::vector<FsError> removedForGood;
+    // The backup could not be checked for them: the lookup's call and errno.
+    std::vector<FsError> kept;
+    // Should have gone but could not be moved or removed.
+    std::vector<FsError> notRemoved;
 };
 
 // The preparation of a restore, on a background thread, before anything is copied. Both passes test
@@ -46,7 +51,8 @@ public:
     // in it, and a backup folder that cannot be read at all leaves the live folder as it is. Hidden items
     // (names beginning with ".") are never touched, nor is anything inside a hidden folder. Links go as
     // links: nothing outside the live folder is ever reached. A folder goes whole, as one item.
-    static PruneOutcome pruneLiveFolder(const std::filesystem::path& live, const std::filesystem::path& backup,
+    static PruneOutcome pruneLiveFolder(const std::filesystem::path& live,
+                                        const std::filesystem::path& backup,
                                         const std::atomic<bool>& canceled, const PruneOptions& options = {});
 
     // Counts the files the copy back will create: every non-folder item of the backup, hidden ones

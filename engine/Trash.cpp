@@ -66,8 +66,8 @@ std::string percentEncoded(const std::string& bytes)
     encoded.reserve(bytes.size());
     for (const char c : bytes) {
         const auto byte = static_cast<unsigned char>(c);
-        const bool plain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') || (byte >= '0' && byte <= '9') ||
-                           std::strchr("-_.!~*'()/", byte) != nullptr;
+        const bool plain = (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+                           (byte >= '0' && byte <= '9') || std::strchr("-_.!~*'()/", byte) != nullptr;
         if (plain && byte != '\0') {
             encoded += c;
         } else {
@@ -201,7 +201,8 @@ Trash::Trash(std::filesystem::path dataHome, uid_t uid)
 
 Trash::~Trash() = default;
 
-std::optional<FsError> Trash::moveToTrash(int parentFd, const char* name, const std::filesystem::path& originalPath)
+std::optional<FsError> Trash::moveToTrash(int parentFd, const char* name,
+                                          const std::filesystem::path& originalPath)
 {
     struct stat parent {};
     if (::fstat(parentFd, &parent) != 0)
@@ -217,7 +218,8 @@ std::optional<FsError> Trash::moveToTrash(int parentFd, const char* name, const 
         const std::string entry = attempt == 1 ? base : base + "." + std::to_string(attempt);
         const std::string infoName = entry + std::string(kInfoSuffix);
         // Claiming the .trashinfo first is what makes the name ours: the move only follows.
-        const int fd = ::openat(place.infoFd, infoName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+        const int fd = ::openat(place.infoFd, infoName.c_str(),
+                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (fd < 0) {
             if (errno == EEXIST)
                 continue;
@@ -246,7 +248,8 @@ const Trash::Place& Trash::placeFor(int parentFd, dev_t device, const std::files
     const std::lock_guard lock(m_mutex);
     std::unique_ptr<Place>& place = m_places[device];
     if (!place)
-        place = homeDevice() == device ? makeHomePlace(device) : makeTopDirectoryPlace(parentFd, device, originalPath);
+        place = homeDevice() == device ? makeHomePlace(device)
+                                       : makeTopDirectoryPlace(parentFd, device, originalPath);
     return *place;
 }
 

@@ -47,7 +47,8 @@ private:
 
     const Place& placeFor(int parentFd, dev_t device, const std::filesystem::path& originalPath);
     std::unique_ptr<Place> makeHomePlace(dev_t device);
-    std::unique_ptr<Place> makeTopDirectoryPlace(int parentFd, dev_t device, const std::filesystem::path& originalPath);
+    std::unique_ptr<Place> makeTopDirectoryPlace(int parentFd, dev_t device,
+                                                 const std::filesystem::path& originalPath);
     std::optional<dev_t> homeDevice();
 
     std::filesystem::path m_dataHome;

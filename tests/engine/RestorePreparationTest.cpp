@@ -79,8 +79,9 @@ std::string summary(const PruneOutcome& outcome)
 {
     std::string text = outcome.backupReadable ? "readable" : "unreadable";
     text += ", " + std::to_string(outcome.trashed) + " trashed";
-    for (const auto& [label, list] : {std::pair{"kept", &outcome.kept}, std::pair{"not removed", &outcome.notRemoved},
-                                      std::pair{"removed for good", &outcome.removedForGood}}) {
+    for (const auto& [label, list] :
+         {std::pair{"kept", &outcome.kept}, std::pair{"not removed", &outcome.notRemoved},
+          std::pair{"removed for good", &outcome.removedForGood}}) {
         for (const std::string& line : described(*list))
             text += std::string("; ") + label + ": " + line;
     }
@@ -306,7 +307,8 @@ TEST_F(RestorePreparationTest, WhatTheBackupCannotVouchForIsKept)
     ::chmod((backup / "Locked").c_str(), 0);
     ::chmod((backup / "Unsearchable").c_str(), 0444); // listed, but no item in it can be looked at
     auto pruneUnprivileged = [&] {
-        return runUnprivileged([&] { return summary(RestorePreparation::pruneLiveFolder(live, backup, canceled)); });
+        return runUnprivileged(
+            [&] { return summary(RestorePreparation::pruneLiveFolder(live, backup, canceled)); });
     };
 
     ::chmod(backup.c_str(), 0);
@@ -314,7 +316,8 @@ TEST_F(RestorePreparationTest, WhatTheBackupCannotVouchForIsKept)
     if (!unreadable)
         GTEST_SKIP() << "cannot run a child as an unprivileged user here";
     EXPECT_EQ(*unreadable, "unreadable, 0 trashed");
-    for (const char* file : {"Locked/doc.txt", "Locked/sub/inner.txt", "Unsearchable/a.txt", "Open/extra.txt", "gone.txt"})
+    for (const char* file :
+         {"Locked/doc.txt", "Locked/sub/inner.txt", "Unsearchable/a.txt", "Open/extra.txt", "gone.txt"})
         EXPECT_NE(itemAt(live / file), "missing") << file;
 
     ::chmod(backup.c_str(), 0755);
@@ -358,8 +361,8 @@ TEST_F(RestorePreparationTest, WhatGoesLandsInTheTrashOnceEachAndCanBePutBack)
 
     // Every byte beyond the unreserved ones is escaped, "/" is not; the date is local time.
     const std::string info = readFile(trashFolder / "info" / (spaced + ".trashinfo"));
-    const std::string expectedStart =
-        "[Trash Info]\nPath=" + home.path().native() + "/Mobile%20Documents/R%C3%A9sum%C3%A9%20100%25.txt\nDeletionDate=";
+    const std::string expectedStart = "[Trash Info]\nPath=" + home.path().native() +
+                                      "/Mobile%20Documents/R%C3%A9sum%C3%A9%20100%25.txt\nDeletionDate=";
     ASSERT_TRUE(info.starts_with(expectedStart)) << info;
     const std::string date = info.substr(expectedStart.size());
     std::tm deleted {};

@@ -1,6 +1,7 @@
 // A back-up and restore round trip on a varied tree, judged by rsync rather than by the code under test.
 #include "engine/DirectoryCopier.h"
 #include "engine/RestorePreparation.h"
+#include "engine/Trash.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
@@ -70,6 +71,23 @@ std::vector<std::string> rsyncDifferences(const fs::path& source, const fs::path
     for (std::string line; std::getline(stream, line);)
         lines.push_back(line);
     return lines;
+}
+
+// The original place a .trashinfo names, unescaped.
+fs::path originalPathIn(const fs::path& info)
+{
+    const std::string text = readFile(info);
+    const std::size_t start = text.find("Path=") + 5;
+    std::string path;
+    for (std::size_t i = start; i < text.size() && text[i] != '\n'; ++i) {
+        if (text[i] == '%') {
+            path += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            path += text[i];
+        }
+    }
+    return path;
 }
 
 class RestoreRoundTripTest : public ::testing::Test {
@@ -213,7 +231,7 @@ protected:
     std::set<std::string> hiddenAdditions;
 };
 
-TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAdditions)
+TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAdditionsAndNothingIsLost)
 {
     if (std::system("command -v rsync >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "rsync is not installed (scripts/bootstrap installs it)";
@@ -235,7 +253,45 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAd
             foldersBefore.insert(entry.path().lexically_relative(live()));
     }
 
-    RestorePreparation::pruneLiveFolder(live(), backup(), canceled);
+    // Every item but folders, as it is before the restore: each must be in the live folder or the Trash
+    // afterwards, unchanged.
+    std::map<fs::path, std::string> itemsBefore;
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(live())) {
+        if (!entry.is_directory() || entry.is_symlink())
+            itemsBefore[entry.path().lexically_relative(live())] = describe(entry.path());
+    }
+
+    Trash trash(home.dataHome());
+    const PruneOutcome pruned =
+        RestorePreparation::pruneLiveFolder(live(), backup(), canceled, {.trash = &trash, .neverPrune = {}});
+    EXPECT_TRUE(pruned.backupReadable);
+    EXPECT_TRUE(pruned.kept.empty());
+    EXPECT_TRUE(pruned.notRemoved.empty());
+    EXPECT_TRUE(pruned.removedForGood.empty());
+    const fs::path trashFolder = home.dataHome() / "Trash";
+    std::int64_t entries = 0;
+    std::map<fs::path, std::string> itemsTrashed;
+    for (const fs::directory_entry& info : fs::directory_iterator(trashFolder / "info")) {
+        ++entries;
+        const fs::path original = originalPathIn(info.path()).lexically_relative(live());
+        const fs::path trashed = trashFolder / "files" / info.path().stem();
+        itemsTrashed[original] = describe(trashed);
+        if (fs::is_directory(fs::symlink_status(trashed))) {
+            for (const fs::directory_entry& entry : fs::recursive_directory_iterator(trashed))
+                itemsTrashed[original / entry.path().lexically_relative(trashed)] = describe(entry.path());
+        }
+    }
+    EXPECT_EQ(entries, pruned.trashed);
+    // The edited files, those a nanosecond off and the added ones; the new folder, the two swapped
+    // items, the link in place of a folder and the retargeted link.
+    EXPECT_EQ(pruned.trashed, 25 + 5 + 15 + 1 + 2 + 2);
+    for (const auto& [item, description] : itemsBefore) {
+        if (fs::exists(fs::symlink_status(live() / item)))
+            EXPECT_EQ(describe(live() / item), description) << item;
+        else
+            EXPECT_EQ(itemsTrashed[item], description)
+                << item << " is neither in the live folder nor in the Trash";
+    }
     const RestoreTotals totals = RestorePreparation::measureFilesToCopy(backup(), live(), canceled);
     int copiedCount = 0;
     std::uint64_t copiedSize = 0;

@@ -44,7 +44,8 @@ std::map<std::string, std::string> contentsOf(const fs::path& folder)
 {
     std::map<std::string, std::string> contents;
     for (const fs::directory_entry& entry : fs::directory_iterator(folder))
-        contents[entry.path().filename().native()] = entry.is_regular_file() ? readFile(entry.path()) : "(folder)";
+        contents[entry.path().filename().native()] =
+            entry.is_regular_file() ? readFile(entry.path()) : "(folder)";
     return contents;
 }
 
