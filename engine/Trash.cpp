@@ -159,7 +159,7 @@ struct Trash::Place {
         ::close(trashFd);
         struct stat st {};
         if (infoFd >= 0 && (::fstat(filesFd, &st) != 0 || st.st_dev != device))
-            refusal = Refusal{"fstat", folder / "files", EXDEV}; // a link to elsewhere: a rename would fail
+            refusal = Refusal{"fstat", folder / "files", EXDEV}; // on another volume: no rename could reach it
         if (!refusal)
             return true;
         closeAll();
@@ -299,7 +299,7 @@ std::unique_ptr<Trash::Place> Trash::makeTopDirectoryPlace(int parentFd, dev_t d
 {
     auto place = std::make_unique<Place>();
     // The top directory is the last folder on the way up through ".." that is still on the item's
-    // volume. Climbing by descriptor works at any depth; the levels climbed tell which part of the
+    // volume. Climbing by descriptor works at any depth; the levels climbed tell how much of the
     // original path names it.
     int topFd = ::dup(parentFd);
     struct stat top {};

@@ -376,6 +376,16 @@ TEST_F(RestorePreparationTest, WhatGoesLandsInTheTrashOnceEachAndCanBePutBack)
 
     EXPECT_EQ(copyBack(), 1);
     EXPECT_EQ(readFile(live / "Pages" / "letter.pages"), "as backed up");
+
+    // Where no trash can be used, an item is removed for good, and the outcome names it.
+    writeFile(home.path() / "not a folder", "");
+    Trash unusable(home.path() / "not a folder" / "share");
+    writeFile(live / "late.txt", "not in the backup");
+    EXPECT_EQ(summary(RestorePreparation::pruneLiveFolder(live, backup, canceled,
+                                                          {.trash = &unusable, .neverPrune = {}})),
+              "readable, 0 trashed; removed for good: mkdir late.txt " + std::to_string(Trash::kNoTrash));
+    EXPECT_EQ(itemAt(live / "late.txt"), "missing");
+
     ASSERT_EQ(::rename((trashFolder / "files" / spaced).c_str(), (live / spaced).c_str()), 0);
     ASSERT_EQ(::rename((trashFolder / "files" / "Drafts").c_str(), (live / "Drafts").c_str()), 0);
     EXPECT_EQ(readFile(live / spaced), "only live");
