@@ -158,8 +158,9 @@ struct Trash::Place {
         infoFd = filesFd < 0 ? -1 : makeAndOpenFolder(trashFd, "info", folder / "info", refusal);
         ::close(trashFd);
         struct stat st {};
+        // On another volume (the data home is a link), no rename could reach it.
         if (infoFd >= 0 && (::fstat(filesFd, &st) != 0 || st.st_dev != device))
-            refusal = Refusal{"fstat", folder / "files", EXDEV}; // on another volume: no rename could reach it
+            refusal = Refusal{"fstat", folder / "files", EXDEV};
         if (!refusal)
             return true;
         closeAll();
