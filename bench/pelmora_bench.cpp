@@ -2,7 +2,9 @@
 #include "Helpers/DirectoryUtility.h"
 #include "app/iCloudPrefs.h"
 #include "engine/DirectoryCopier.h"
+#include "engine/BackupRoot.h"
 #include "engine/RestorePreparation.h"
+#include "operations/RestoreOperation.h"
 #include "platform/EventStream.h"
 #include "platform/FreedesktopFileManager.h"
 #include "platform/MessageBoxAlertPresenter.h"
@@ -245,51 +247,37 @@ int copy(int argc, char* argv[])
     return 0;
 }
 
-// Makes LIVE match BACKUP the way a restore runs, without its window: the pruning and the count on one
-// worker thread, their figures handed to the main thread's event loop, which starts the copy back on
-// another worker, whose progress is added up on the main thread as the window does it.
+// Makes LIVE match BACKUP the way the window's restore runs, without the window: the same run object,
+// with the pruning moved to the Trash of $XDG_DATA_HOME and the copy's progress added up on the main loop.
 // The count goes to stderr, so that a caller can hold it against what was copied.
 int restore(int argc, char* argv[])
 {
     QCoreApplication application(argc, argv);
     const std::filesystem::path live(argv[2]);
     const std::filesystem::path backup(argv[3]);
-    std::atomic<bool> canceled{false};
-    RestoreTotals totals;
-    WindowedCopy copyBack(&application);
-    CopyOutcome outcome;
-    std::thread copying;
+    RestoreOperation run(backup, live, QFile::encodeName(BackupRoot::applicationDataFolder()).toStdString());
     using Clock = std::chrono::steady_clock;
     const Clock::time_point started = Clock::now();
-    Clock::time_point pruned, counted, copied;
-    std::thread preparing([&] {
-        RestorePreparation::pruneLiveFolder(live, backup, canceled);
-        pruned = Clock::now();
-        const RestoreTotals measured = RestorePreparation::measureFilesToCopy(backup, live, canceled);
-        counted = Clock::now();
-        QMetaObject::invokeMethod(
-            &application,
-            [&, measured] {
-                totals = measured;
-                copying = std::thread([&] {
-                    outcome = copyBack.runThenQuit(backup, live, canceled);
-                    copied = Clock::now();
-                });
-            },
-            Qt::QueuedConnection);
+    Clock::time_point prepared = started;
+    Clock::time_point ended = started;
+    QObject::connect(&run, &CopyOperation::copyingStarted, &application, [&] { prepared = Clock::now(); });
+    QObject::connect(&run, &CopyOperation::ended, &application, [&] {
+        ended = Clock::now();
+        QCoreApplication::quit();
     });
+    run.start();
     QCoreApplication::exec();
-    preparing.join();
-    copying.join();
-    std::printf("pruned_then_copied=%llu bytes=%llu result=%s not_copied=%zu\n",
-                static_cast<unsigned long long>(copyBack.files),
-                static_cast<unsigned long long>(copyBack.bytes), outcome.finished() ? "true" : "false",
-                outcome.notCopied.size());
-    std::fprintf(stderr, "to_copy=%d to_copy_bytes=%llu\n", totals.totalCount,
-                 static_cast<unsigned long long>(totals.totalSize));
+    const bool everything = run.ending() == RestoreOperation::Ending::Restored && run.didEverything();
+    std::printf("pruned_then_copied=%d bytes=%llu result=%s not_copied=%zu trashed=%lld kept=%zu not_removed=%zu "
+                "removed_for_good=%zu\n",
+                run.currentCountOfCopiedItems(), static_cast<unsigned long long>(run.currentSizeOfCopiedItems()),
+                everything ? "true" : "false", run.notCopied().size(),
+                static_cast<long long>(run.pruning().trashed), run.pruning().kept.size(),
+                run.pruning().notRemoved.size(), run.pruning().removedForGood.size());
+    std::fprintf(stderr, "to_copy=%d to_copy_bytes=%llu\n", run.totalCountOfItemsToCopy(),
+                 static_cast<unsigned long long>(run.totalSizeOfItemsToCopy()));
     const auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
-    std::fprintf(stderr, "prune_ms=%.0f count_ms=%.0f copy_ms=%.0f\n", ms(pruned - started), ms(counted - pruned),
-                 ms(copied - counted));
+    std::fprintf(stderr, "prune_and_count_ms=%.0f copy_ms=%.0f\n", ms(prepared - started), ms(ended - prepared));
     reportPeakMemory();
     return 0;
 }

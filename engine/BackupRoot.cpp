@@ -3,7 +3,11 @@
 #include "platform/BundleInfo.h"
 
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
 #include <QStandardPaths>
+#include <sys/stat.h>
 
 QString BackupRoot::applicationDataFolder()
 {
@@ -25,4 +29,18 @@ QString BackupRoot::folderName(const QDateTime& start, const QLocale& locale)
 QString BackupRoot::folderPath(const QDateTime& start, const QLocale& locale)
 {
     return path() + QLatin1Char('/') + folderName(start, locale);
+}
+
+bool BackupRoot::isRemovableBackupFolder(const QString& folder)
+{
+    static const QRegularExpression backupName(QStringLiteral("^\\d{4}\\.\\d{2}\\.\\d{2}-\\d{2}\\.\\d{2}\\.\\d{2}$"),
+                                               QRegularExpression::UseUnicodePropertiesOption);
+    const QFileInfo info(QDir::cleanPath(folder));
+    if (!backupName.match(info.fileName()).hasMatch())
+        return false;
+    struct stat st {};
+    if (::lstat(QFile::encodeName(info.filePath()).constData(), &st) != 0 || !S_ISDIR(st.st_mode))
+        return false;
+    const QString parent = QFileInfo(info.path()).canonicalFilePath();
+    return !parent.isEmpty() && parent == QFileInfo(path()).canonicalFilePath();
 }

@@ -19,4 +19,9 @@ public:
     // the same second get the same name and so share one folder.
     static QString folderName(const QDateTime& start, const QLocale& locale = QLocale());
     static QString folderPath(const QDateTime& start, const QLocale& locale = QLocale());
+
+    // Whether `folder` is one that Delete may remove: a real folder (not a link) directly inside the
+    // backup root, named like a backup ("yyyy.MM.dd-HH.mm.ss", digits of any script). A hand-edited
+    // record must never make Delete remove anything else.
+    static bool isRemovableBackupFolder(const QString& folder);
 };

@@ -4,6 +4,7 @@
 
 #include <QList>
 #include <QStringList>
+#include <functional>
 
 // Answers from `answers` (the first button, box unticked, once they run out) and keeps every alert shown.
 class ScriptedAlertPresenter : public AlertPresenter {
@@ -11,6 +12,8 @@ public:
     AlertResponse runModal(const Alert& alert) override
     {
         shown << alert;
+        if (onShow)
+            onShow(alert);
         return answers.isEmpty() ? AlertResponse{} : answers.takeFirst();
     }
     QStringList messages() const
@@ -22,5 +25,7 @@ public:
     }
 
     QList<AlertResponse> answers;
+    // Acts while the alert is up, as a user or the system could meanwhile.
+    std::function<void(const Alert&)> onShow;
     QList<Alert> shown;
 };

@@ -2,6 +2,7 @@
 #include "support/MainWindowFixture.h"
 
 #include <cerrno>
+#include <sys/mount.h>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -74,6 +75,49 @@ TEST_F(DeleteAndRevealTest, NoKeepsEverythingButNoWithTheBoxTickedRemovesAndReme
     EXPECT_FALSE(controller->showInFinderBtn()->isEnabled());
     EXPECT_FALSE(controller->restoreFromBackupBtn()->isEnabled());
     EXPECT_TRUE(controller->tableViewPlaceholderLabel()->isVisible());
+}
+
+// Records as hand-edited preferences could hold them: Delete must not take any of them at its word.
+TEST_F(DeleteAndRevealTest, OnlyABackupFolderOfTheRootIsRemovedAndOneLeftPartlyKeepsItsRecord)
+{
+    const fs::path root = home.dataHome() / "Pelmora";
+    const fs::path outside = home.path() / "Documents" / "2026.03.01-10.00.00";
+    writeFile(outside / "keep.txt", "mine");
+    writeFile(root / "notes" / "keep.txt", "mine");
+    makeSymlink(outside.string(), root / "2026.04.01-10.00.00");
+    QList<BackupRecordRef> records = controller->backups().records();
+    for (const fs::path& folder : {outside, root / "notes", root / "2026.04.01-10.00.00"})
+        records << BackupRecord::make(QDateTime::currentDateTime(), QString::fromStdString(folder.string()), 1);
+    storeBackups(records);
+    controller = openWindow();
+    for (int row = 2; row < 5; ++row) {
+        controller->backupsTable()->selectRow(row);
+        alerts.shown.clear();
+        controller->deleteBackup();
+        EXPECT_EQ(alerts.messages(), QStringList({text("alertDeleteBackupMessage"), text("alertBackupNotFoundMessage")}))
+            << row;
+        EXPECT_EQ(controller->backups().count(), 5) << row;
+    }
+    EXPECT_EQ(readFile(outside / "keep.txt"), "mine");
+    EXPECT_EQ(readFile(root / "notes" / "keep.txt"), "mine");
+    EXPECT_TRUE(fs::is_symlink(root / "2026.04.01-10.00.00"));
+
+    // A volume mounted inside the backup cannot be removed with it.
+    const fs::path partly = folderOf(1);
+    makeFolder(partly / "mounted");
+    if (::mount("tmpfs", (partly / "mounted").c_str(), "tmpfs", 0, "size=1m") != 0)
+        GTEST_SKIP() << "cannot mount a small tmpfs here";
+    writeFile(partly / "mounted" / "inside.txt", "x");
+    controller->backupsTable()->selectRow(1);
+    alerts.shown.clear();
+    const QString partlyFolder = *controller->backups().at(1)->backupFolder();
+    controller->deleteBackup();
+    ::umount2((partly / "mounted").c_str(), MNT_DETACH);
+    ASSERT_EQ(alerts.shown.size(), 2);
+    EXPECT_EQ(alerts.shown[1].messageText, text("alertBackupNotRemovedMessage"));
+    EXPECT_TRUE(alerts.shown[1].informativeText.contains(partlyFolder)) << alerts.shown[1].informativeText.toStdString();
+    EXPECT_TRUE(fs::exists(partly));
+    EXPECT_EQ(controller->backups().at(1)->backupFolder(), partlyFolder) << "the record stays with what is left";
 }
 
 TEST_F(DeleteAndRevealTest, RevealShowsTheSelectedFolderOrSaysItIsGone)

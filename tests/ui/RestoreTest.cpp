@@ -1,6 +1,9 @@
+#include "engine/NotCopiedList.h"
 #include "support/MainWindowFixture.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
+#include <QUrl>
+#include <regex>
 #include <sys/mount.h>
 
 namespace fs = std::filesystem;
@@ -28,8 +31,48 @@ protected:
         EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
     }
 
+    fs::path trash() const { return home.dataHome() / "Trash"; }
+    // The original path a .trashinfo names, or nothing when it is not a valid one.
+    std::optional<fs::path> trashedFrom(const std::string& entry) const
+    {
+        const std::string info = readFile(trash() / "info" / (entry + ".trashinfo"));
+        const std::regex format("\\[Trash Info\\]\nPath=(/[^\n]+)\nDeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n");
+        std::smatch match;
+        if (!std::regex_match(info, match, format))
+            return std::nullopt;
+        return QUrl::fromPercentEncoding(QByteArray::fromStdString(match[1].str())).toStdString();
+    }
+    // The live folder on a small volume of its own.
+    bool moveLiveOntoSmallVolume(const char* size)
+    {
+        const fs::path keep = home.path() / "live-before";
+        fs::rename(iCloud(), keep);
+        makeFolder(iCloud());
+        const std::string options = std::string("size=") + size;
+        if (::mount("tmpfs", iCloud().c_str(), "tmpfs", 0, options.c_str()) != 0) {
+            fs::remove(iCloud());
+            fs::rename(keep, iCloud());
+            return false;
+        }
+        mounted = true;
+        makeFolder(iCloud() / "com~apple~CloudDocs");
+        return true;
+    }
+    void TearDown() override
+    {
+        if (mounted)
+            ::umount2(iCloud().c_str(), MNT_DETACH);
+    }
+    bool restore()
+    {
+        QSignalSpy finished(controller.get(), &MainWindowController::restoreFinished);
+        controller->restoreFromBackup();
+        return runEventLoopUntil([&] { return finished.count() > 0; }, 20000);
+    }
+
     const fs::path letter = iCloud() / "com~apple~CloudDocs" / "letter.txt";
     std::unique_ptr<MainWindowController> controller;
+    bool mounted = false;
 };
 
 TEST_F(RestoreTest, ChecksComeFirstAndANoOrClosingTheAppsRequestChangesNothing)
@@ -84,6 +127,10 @@ TEST_F(RestoreTest, WaitsForAppsThatUseiCloudThenBringsBackTheBackupAndLeavesHid
     EXPECT_EQ(readFile(iCloud() / "com~apple~CloudDocs" / "Photos" / "cat.jpg"), "meow");
     EXPECT_FALSE(fs::exists(iCloud() / "com~apple~CloudDocs" / "new.txt"));
     EXPECT_EQ(readFile(iCloud() / "com~apple~CloudDocs" / ".hidden-state"), "keep me");
+    EXPECT_EQ(readFile(trash() / "files" / "letter.txt"), "edited later") << "what the restore replaced is in the Trash";
+    EXPECT_EQ(trashedFrom("letter.txt"), letter);
+    EXPECT_EQ(readFile(trash() / "files" / "new.txt"), "added later");
+    EXPECT_EQ(trashedFrom("new.txt"), iCloud() / "com~apple~CloudDocs" / "new.txt");
     EXPECT_EQ(controller->totalCountOfItemsToCopy(), 2) << "the edited letter and the removed photo";
     EXPECT_EQ(controller->iCloudBackupDirectory(), QFile::decodeName(backupFolder().c_str()));
     expectNotRestoring();
@@ -127,6 +174,55 @@ TEST_F(RestoreTest, TooLittleSpaceAfterPruningStopsWithTheRestoreText)
     EXPECT_EQ(alerts.shown.last().informativeText, text("alertNotEnoughDiskSpaceToRestoreInfo"));
     EXPECT_FALSE(controller->isiCloudBeingRestored());
     EXPECT_EQ(controller->currentCountOfCopiedItems(), 0);
+}
+
+TEST_F(RestoreTest, WhatTheBackupNeverHeldStaysAndABackupGoneBeforeThePruningTouchesNothing)
+{
+    // The backup lists the notes container's note as not copied: the backup never held it.
+    ASSERT_FALSE(NotCopiedList::write(backupFolder(), {FsError{"open", "iCloud~com~example~Notes/note.txt", EACCES}}));
+    fs::remove(backupFolder() / "iCloud~com~example~Notes" / "note.txt");
+    writeFile(iCloud() / "iCloud~com~example~Notes" / "note.txt", "newer note");
+    ASSERT_TRUE(restore());
+    EXPECT_EQ(readFile(iCloud() / "iCloud~com~example~Notes" / "note.txt"), "newer note");
+    EXPECT_EQ(alerts.messages(), QStringList({text("alertRestoreWarningMessage")})) << "everything done: silent";
+
+    // Gone between the question and the pruning, as if a drive went away.
+    const fs::path moved = home.path() / "moved-backup";
+    const fs::path folder = backupFolder();
+    alerts.onShow = [&](const Alert& alert) {
+        if (alert.messageText == text("alertRestoreWarningMessage"))
+            fs::rename(folder, moved);
+    };
+    writeFile(letter, "edited later");
+    ASSERT_TRUE(restore());
+    EXPECT_EQ(alerts.messages().last(), text("alertBackupNotFoundMessage"));
+    EXPECT_EQ(readFile(letter), "edited later");
+    EXPECT_EQ(readFile(iCloud() / "iCloud~com~example~Notes" / "note.txt"), "newer note");
+    EXPECT_FALSE(fs::exists(trash() / "files" / "letter.txt"));
+    expectNotRestoring();
+}
+
+TEST_F(RestoreTest, AFullDiskStopsTheCopyAndWhatCouldNotBeDoneIsSaidWithItsItems)
+{
+    for (int i = 0; i < 300; ++i)
+        writeFileOfSize(backupFolder() / "com~apple~CloudDocs" / "Mail" / ("m" + std::to_string(i)), 2048);
+    if (!moveLiveOntoSmallVolume("1m"))
+        GTEST_SKIP() << "cannot mount a small tmpfs here";
+    // No trash may be made on this volume, so what the pruning takes goes for good.
+    writeFile(iCloud() / ".Trash-0", "in the way");
+    writeFile(iCloud() / "com~apple~CloudDocs" / "stray.txt", "not in the backup");
+
+    ASSERT_TRUE(restore());
+    ASSERT_EQ(alerts.shown.size(), 2);
+    const Alert& notice = alerts.shown[1];
+    EXPECT_EQ(notice.messageText, text("alertRestoreIncompleteMessage"));
+    EXPECT_TRUE(notice.informativeText.startsWith(text("alertRestoreDiskFullInfo"))) << notice.informativeText.toStdString();
+    EXPECT_TRUE(notice.informativeText.contains(text("formatStringRestoreRemovedForGood").arg("1")));
+    EXPECT_TRUE(notice.detailedText.contains("com~apple~CloudDocs/stray.txt")) << notice.detailedText.toStdString();
+    EXPECT_FALSE(fs::exists(iCloud() / "com~apple~CloudDocs" / "stray.txt"));
+    EXPECT_GT(controller->currentCountOfCopiedItems(), 0);
+    EXPECT_LT(controller->currentCountOfCopiedItems(), controller->totalCountOfItemsToCopy()) << "stopped";
+    expectNotRestoring();
 }
 
 } // namespace

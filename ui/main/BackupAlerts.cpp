@@ -119,3 +119,13 @@ void BackupAlerts::runPreferencesNotSavedAlert(const QString& file, const QStrin
               text("formatStringItemNotWritten").arg(file, reason) + QStringLiteral("\n\n") +
                   text("alertPreferencesNotSavedInfo"));
 }
+
+void BackupAlerts::runBackupNotRemovedAlert(const QString& item, const QString& reason)
+{
+    runNotice(text("alertBackupNotRemovedMessage"), text("formatStringBackupNotRemovedInfo").arg(item, reason));
+}
+
+void BackupAlerts::runRestoreIncompleteAlert(const QString& summary, const QString& details)
+{
+    runNotice(text("alertRestoreIncompleteMessage"), summary, details);
+}

@@ -28,6 +28,10 @@ public:
     void runItemsNotCopiedAlert(int count, const QString& details);
     // A backup that could not be made: its folder and why.
     void runBackupNotMadeAlert(const QString& folder, const QString& reason);
+    // A restore that left something undone: what, a line per kind, and the items under Details.
+    void runRestoreIncompleteAlert(const QString& summary, const QString& details);
+    // Deleting a backup left part of its folder: which item and why.
+    void runBackupNotRemovedAlert(const QString& item, const QString& reason);
     // The preferences file could not be written: which file and why.
     void runPreferencesNotSavedAlert(const QString& file, const QString& reason);
 

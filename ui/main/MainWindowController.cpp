@@ -94,7 +94,6 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
 
 MainWindowController::~MainWindowController()
 {
-    m_services.defaults.setWriteFailureObserver({});
     // Nothing at teardown waits for a long walk or copy to run its course.
     m_stopMeasures->store(true);
     if (m_backUpRun)
@@ -642,9 +641,9 @@ bool MainWindowController::checkRestorePreconditions(QString& backupFolder)
 void MainWindowController::beginRestore(const QString& backupFolder)
 {
     m_iCloudBackupDirectory = backupFolder;
-    m_restoreRun = std::make_unique<RestoreOperation>(QFile::encodeName(backupFolder).toStdString(),
-                                                      QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
-                                                      m_services.copier);
+    m_restoreRun = std::make_unique<RestoreOperation>(
+        QFile::encodeName(backupFolder).toStdString(), QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
+        QFile::encodeName(BackupRoot::applicationDataFolder()).toStdString(), m_services.copier);
     m_lastRun = m_restoreRun.get();
     connectRun(*m_restoreRun, "operationRestoringDataToiCloud");
     connect(m_restoreRun.get(), &CopyOperation::ended, this, [this] { finishRestore(); });
@@ -655,16 +654,52 @@ void MainWindowController::beginRestore(const QString& backupFolder)
     m_restoreRun->start();
 }
 
-// Restored or cancelled: no message at the end. Too little room, found before the copy or met by it, is
-// said.
+// A restore that did everything ends in silence, cancelled or not; one that left something undone says
+// what, with the items under Details.
 void MainWindowController::finishRestore()
 {
+    const RestoreOperation& run = *m_restoreRun;
     m_operationProgressWindow->hide();
     setCopyButtonsEnabled(true);
-    if (m_restoreRun->ending() == RestoreOperation::Ending::NotEnoughSpace)
+    if (run.ending() == RestoreOperation::Ending::BackupUnreadable)
+        runBackupNotFoundAlert();
+    else if (run.ending() == RestoreOperation::Ending::NotEnoughSpace)
         runNotEnoughDiskSpaceAlert(); // no backup runs, so it names the restore
+    else if (!run.didEverything())
+        m_alerts->runRestoreIncompleteAlert(restoreSummary(run), restoreDetails(run));
     m_iCloudBeingRestored = false;
     emit restoreFinished();
+}
+
+QString MainWindowController::restoreSummary(const RestoreOperation& run)
+{
+    QStringList lines;
+    if (run.ending() == RestoreOperation::Ending::DiskFull)
+        lines << localized("alertRestoreDiskFullInfo");
+    for (const auto& [key, items] : restoreGroups(run))
+        if (!items->empty())
+            lines << localized(key).arg(QLocale().toString(static_cast<qulonglong>(items->size())));
+    lines << localized("alertRestoreIncompleteInfo");
+    return lines.join(QLatin1Char('\n'));
+}
+
+QString MainWindowController::restoreDetails(const RestoreOperation& run)
+{
+    QStringList sections;
+    for (const auto& [key, items] : restoreGroups(run))
+        if (!items->empty())
+            sections << localized(key).arg(QLocale().toString(static_cast<qulonglong>(items->size()))) +
+                            QLatin1Char('\n') + CopyOperation::describeItems(*items);
+    return sections.join(QStringLiteral("\n\n"));
+}
+
+std::vector<std::pair<const char*, const std::vector<FsError>*>>
+MainWindowController::restoreGroups(const RestoreOperation& run)
+{
+    return {{"formatStringRestoreNotCopied", &run.notCopied()},
+            {"formatStringRestoreNotRemoved", &run.pruning().notRemoved},
+            {"formatStringRestoreKept", &run.pruning().kept},
+            {"formatStringRestoreRemovedForGood", &run.pruning().removedForGood}};
 }
 
 void MainWindowController::deleteBackup()
@@ -678,16 +713,34 @@ void MainWindowController::deleteBackup()
     if (!confirmed && !iCloudPrefs::dontAskAgainRemoveBackup(m_services.defaults))
         return;
     const QString folder = m_backups.at(row)->backupFolder().value_or(QString());
-    if (!folder.isEmpty()) {
-        const std::filesystem::path path = QFile::encodeName(folder).toStdString();
-        const std::optional<FsError> failed = ItemRemover::removeItemAtPath(path);
-        // The list of what the backup lacks goes with it; already gone is fine.
-        if (!failed || failed->code == ENOENT)
-            NotCopiedList::remove(path);
-    }
+    if (!removeBackupFolder(folder))
+        return;
     m_backups.removeAt(row);
     m_tableModel->reloadData();
     setLastBackupInfo();
+}
+
+// False when the record must stay: its folder is not one of ours to remove, or is still partly there. A
+// folder already gone is fine, and its record goes quietly.
+bool MainWindowController::removeBackupFolder(const QString& folder)
+{
+    struct stat st {};
+    const std::filesystem::path path = QFile::encodeName(folder).toStdString();
+    if (folder.isEmpty() || (::lstat(path.c_str(), &st) != 0 && errno == ENOENT))
+        return true;
+    if (!BackupRoot::isRemovableBackupFolder(folder)) {
+        runBackupNotFoundAlert();
+        return false;
+    }
+    const std::optional<FsError> failed = ItemRemover::removeItemAtPath(path);
+    if (failed && ::lstat(path.c_str(), &st) == 0) {
+        m_alerts->runBackupNotRemovedAlert(QFile::decodeName(failed->path.c_str()),
+                                           QString::fromLocal8Bit(std::strerror(failed->code)));
+        return false;
+    }
+    // The list of what the backup lacked goes with it.
+    NotCopiedList::remove(path);
+    return true;
 }
 
 void MainWindowController::showInFinder()

@@ -214,9 +214,13 @@ private:
     void recordBackUp(const BackupOperation& run);
     bool isRecorded(const QString& folder) const;
     void sweepUnfinishedBackups();
+    bool removeBackupFolder(const QString& folder);
     bool checkRestorePreconditions(QString& backupFolder);
     void beginRestore(const QString& backupFolder);
     void finishRestore();
+    static QString restoreSummary(const RestoreOperation& run);
+    static QString restoreDetails(const RestoreOperation& run);
+    static std::vector<std::pair<const char*, const std::vector<FsError>*>> restoreGroups(const RestoreOperation& run);
 
     Services m_services;
     std::unique_ptr<Ui::MainWindowController> m_ui;
