@@ -3,6 +3,7 @@
 #include "Helpers/Localizer.h"
 #include "app/HomeFolderAcquisition.h"
 #include "app/MainMenu.h"
+#include "app/iCloudPrefs.h"
 #include "platform/BundleInfo.h"
 #include "platform/AlertPresenter.h"
 #include "ui/inspector/InspectorWindowController.h"
@@ -121,19 +122,44 @@ void AppDelegate::connectMainMenu()
     on(Command::ShowBackupInfo, [this] { showBackupInfo(); });
     on(Command::ShowInFinder, [this] { showInFinder(); });
     on(Command::DeleteBackup, [this] { deleteBackup(); });
+    on(Command::AskBeforeDeletingBackups, [this] { askBeforeDeletingBackupsChanged(); });
     for (QAction* top : m_mainWindowController->menuBar()->actions()) {
         if (QMenu* menu = top->menu())
             connect(menu, &QMenu::aboutToShow, this, [this, menu] { validateMenu(menu); });
     }
     connect(m_mainMenu->windowMenu(), &QMenu::aboutToShow, this, [this] { listInspectorsInWindowMenu(); });
+    QAction* askBeforeDeleting = m_mainMenu->action(Command::AskBeforeDeletingBackups);
+    askBeforeDeleting->setChecked(menuItemState(askBeforeDeleting));
 }
 
 void AppDelegate::validateMenu(QMenu* menu)
 {
     for (QAction* item : menu->actions()) {
-        if (!item->isSeparator() && !item->menu())
-            item->setEnabled(validateMenuItem(item));
+        if (item->isSeparator() || item->menu())
+            continue;
+        item->setEnabled(validateMenuItem(item));
+        if (item->isCheckable())
+            item->setChecked(menuItemState(item));
     }
+}
+
+// Read from the preferences each time the menu opens: the delete confirmation's "Don't ask again"
+// changes the same preference while the menu is closed.
+bool AppDelegate::menuItemState(const QAction* item) const
+{
+    switch (MainMenu::commandOf(item)) {
+    case MainMenu::Command::AskBeforeDeletingBackups:
+        return !iCloudPrefs::dontAskAgainRemoveBackup(m_services.defaults);
+    default:
+        return item->isChecked();
+    }
+}
+
+// The tick the user has just set is what is stored; the item says the opposite of the preference.
+void AppDelegate::askBeforeDeletingBackupsChanged()
+{
+    const QAction* item = m_mainMenu->action(MainMenu::Command::AskBeforeDeletingBackups);
+    iCloudPrefs::setDontAskAgainRemoveBackup(m_services.defaults, !item->isChecked());
 }
 
 bool AppDelegate::hasSelection() const

@@ -66,7 +66,9 @@ public:
     void showInFinder();
     void deleteBackup();
     void showBackupInfo();
+    void askBeforeDeletingBackupsChanged();
     bool validateMenuItem(const QAction* item) const;
+    bool menuItemState(const QAction* item) const;
 
     // The one inspector for a backup record (found by the record's identity), created on first use.
     InspectorWindowController* inspectorForBackup(const BackupRecordRef& backup);

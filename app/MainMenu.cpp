@@ -18,12 +18,16 @@ MainMenu::MainMenu(QMenuBar* menuBar)
     addItem(application, "Quit Pelmora", Command::Quit, QKeySequence::Quit);
 
     QMenu* file = menuBar->addMenu(QStringLiteral("File"));
+    m_fileMenu = file;
     addItem(file, "Back Up Now", Command::CreateBackup, QKeySequence(Qt::CTRL | Qt::Key_B));
     addItem(file, "Restore from Backup", Command::RestoreBackup, {});
     file->addSeparator();
     addItem(file, "Get Info", Command::ShowBackupInfo, QKeySequence(Qt::CTRL | Qt::Key_I));
     addItem(file, "Show in File Manager", Command::ShowInFinder, QKeySequence(Qt::CTRL | Qt::Key_O));
     addItem(file, "Delete Backup", Command::DeleteBackup, {});
+    file->addSeparator();
+    // The way back for whoever ticked "Don't ask again" in the delete confirmation.
+    addItem(file, "Ask Before Deleting Backups", Command::AskBeforeDeletingBackups, {})->setCheckable(true);
     file->addSeparator();
     addItem(file, "Close Window", Command::CloseWindow, QKeySequence::Close);
 

@@ -20,6 +20,7 @@ public:
         ShowBackupInfo,
         ShowInFinder,
         DeleteBackup,
+        AskBeforeDeletingBackups,
         CloseWindow,
         Minimize,
         ShowMainWindow,
@@ -28,6 +29,7 @@ public:
     explicit MainMenu(QMenuBar* menuBar);
 
     QAction* action(Command command) const { return m_actions.value(command); }
+    class QMenu* fileMenu() const { return m_fileMenu; }
     class QMenu* windowMenu() const { return m_windowMenu; }
     static Command commandOf(const QAction* item);
 
@@ -35,5 +37,6 @@ private:
     QAction* addItem(class QMenu* menu, const char* title, Command command, const class QKeySequence& shortcut);
 
     QHash<Command, QAction*> m_actions;
+    class QMenu* m_fileMenu = nullptr;
     class QMenu* m_windowMenu = nullptr;
 };

@@ -311,6 +311,10 @@
         <translation>&amp;Datei</translation>
     </message>
     <message>
+        <source>MainMenu_File_Ask Before Deleting Backups</source>
+        <translation>&amp;Vor dem Löschen von Sicherungen fragen</translation>
+    </message>
+    <message>
         <source>MainMenu_File_Back Up Now</source>
         <translation>Jetzt &amp;sichern</translation>
     </message>

@@ -311,6 +311,10 @@
         <translation>&amp;File</translation>
     </message>
     <message>
+        <source>MainMenu_File_Ask Before Deleting Backups</source>
+        <translation>&amp;Ask Before Deleting Backups</translation>
+    </message>
+    <message>
         <source>MainMenu_File_Back Up Now</source>
         <translation>&amp;Back Up Now</translation>
     </message>

@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 #include "app/MainMenu.h"
+#include "engine/BackupRoot.h"
 #include "engine/UnfinishedMark.h"
 #include "platform/SingleInstance.h"
 #include "platform/TerminationSignals.h"
@@ -25,17 +26,22 @@ protected:
     {
         QList<BackupRecordRef> records;
         for (int i = 0; i < count; ++i) {
-            const fs::path folder = home.dataHome() / "Pelmora" / ("backup-" + std::to_string(i));
+            // Named and placed as the program names its own, which is all that Delete will remove.
+            const fs::path folder = backupFolder(i);
             writeFile(folder / "iCloud~com~example~Notes" / "a.txt", "12345");
             writeFile(folder / "iCloud~com~example~Notes" / "sub" / "b.txt", "123");
             writeFile(folder / "com~example~CloudDocs" / "c.txt", "1");
             writeFile(folder / ".hidden" / "d.txt", "1");
             writeFile(folder / "notes.txt", "1");
             makeSymlink("com~example~CloudDocs", folder / "link-to-container");
-            records << BackupRecord::make(QDateTime::fromSecsSinceEpoch(1700000000 + i * 86400),
-                                          QString::fromStdString(folder.string()), 4096);
+            records << BackupRecord::make(backupDate(i), QString::fromStdString(folder.string()), 4096);
         }
         storeBackups(records);
+    }
+    static QDateTime backupDate(int i) { return QDateTime::fromSecsSinceEpoch(1700000000 + i * 86400); }
+    static fs::path backupFolder(int i)
+    {
+        return QFile::encodeName(BackupRoot::folderPath(backupDate(i))).toStdString();
     }
     void launch()
     {
@@ -94,6 +100,46 @@ TEST_F(AppDelegateTest, ValidationFollowsTheSelectionAndTheRunningOperationWithI
     EXPECT_EQ(enabledCommands(), "+----+") << "without backups only Back Up";
 }
 
+// The item shows the reverse of "Don't ask again", read afresh each time the File menu opens.
+TEST_F(AppDelegateTest, AskBeforeDeletingBackupsFollowsDontAskAgainAndTurnsTheQuestionBackOn)
+{
+    makeBackups(3);
+    launch();
+    QMenu* fileMenu = delegate.mainMenu()->fileMenu();
+    QAction* ask = delegate.mainMenu()->action(Command::AskBeforeDeletingBackups);
+    ASSERT_TRUE(fileMenu->actions().contains(ask));
+    ASSERT_TRUE(ask->isCheckable());
+    emit fileMenu->aboutToShow();
+    EXPECT_TRUE(ask->isChecked()) << "asking is the default";
+    EXPECT_TRUE(ask->isEnabled());
+
+    select(0);
+    alerts.answers = {AlertResponse{1001, true}};
+    delegate.deleteBackup();
+    ASSERT_EQ(controller->backups().count(), 2) << "No with the box ticked still deletes";
+    emit fileMenu->aboutToShow();
+    EXPECT_FALSE(ask->isChecked()) << "the confirmation turned the question off meanwhile";
+    EXPECT_TRUE(ask->isEnabled());
+
+    ask->trigger();
+    EXPECT_TRUE(ask->isChecked());
+    EXPECT_FALSE(iCloudPrefs::dontAskAgainRemoveBackup(UserDefaults(UserDefaults::standardFilePath())))
+        << "written to the preferences file";
+    select(0);
+    alerts.answers = {AlertResponse{1001, false}};
+    delegate.deleteBackup();
+    EXPECT_EQ(alerts.messages(), QStringList(2, text("alertDeleteBackupMessage"))) << "asked again";
+    EXPECT_EQ(controller->backups().count(), 2) << "and No keeps the backup";
+
+    ask->trigger();
+    EXPECT_TRUE(iCloudPrefs::dontAskAgainRemoveBackup(defaults));
+    emit fileMenu->aboutToShow();
+    EXPECT_FALSE(ask->isChecked());
+    delegate.deleteBackup();
+    EXPECT_EQ(alerts.shown.size(), 2) << "deleted without a question";
+    EXPECT_EQ(controller->backups().count(), 1);
+}
+
 TEST_F(AppDelegateTest, OneInspectorPerBackupListingItsContainersForgottenWhenItCloses)
 {
     makeBackups(2);
@@ -118,7 +164,7 @@ TEST_F(AppDelegateTest, OneInspectorPerBackupListingItsContainersForgottenWhenIt
     EXPECT_EQ(fileManager.selected.size(), 1) << "no row selected: nothing";
 
     // The inspector of a deleted backup says so.
-    removeTree(home.dataHome() / "Pelmora" / "backup-1");
+    removeTree(backupFolder(1));
     select(1);
     delegate.showBackupInfo();
     ASSERT_EQ(delegate.inspectorControllers().size(), 2u);

@@ -6,10 +6,13 @@
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
+#include <QApplication>
 #include <QKeyEvent>
 #include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QTableWidget>
+#include <QTimer>
+#include <QWindow>
 #include <future>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -503,6 +506,59 @@ TEST_F(QuitAppsTest, AnAppStartedMeanwhileKeepsTheRequestOpenUntilCancelOrClosin
     EXPECT_FALSE(controller->isiCloudBackingUp());
     EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
     EXPECT_EQ(controller->backups().count(), 0);
+}
+
+TEST_F(QuitAppsTest, EscapeAndTheCloseButtonGiveTheBackupUpAndItDoesNotStartWhenTheAppsQuitLater)
+{
+    QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
+    const auto expectGivenUp = [&](const char* how) {
+        EXPECT_FALSE(request->isVisible()) << how;
+        EXPECT_FALSE(controller->isiCloudBackingUp()) << how;
+        EXPECT_EQ(request->checkAppsStateTimer(), nullptr) << how;
+        applications.remove(42);
+        const auto started = [&] { return controller->isiCloudBackingUp() || finished.count() > 0; };
+        EXPECT_FALSE(runEventLoopUntil(started, 300)) << how << ": nothing starts once Notes has quit";
+        EXPECT_FALSE(controller->operationProgressWindow()->isVisible()) << how;
+    };
+
+    // Where the keyboard focus sits when the window opens; the table passes Escape on to the window.
+    QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
+    QCoreApplication::sendEvent(request->appsToQuitTable(), &escape);
+    expectGivenUp("Escape");
+
+    applications.add(42, QString("com.example.Notes"), "Notes");
+    controller->backUpNow();
+    ASSERT_TRUE(request->isVisible());
+    ASSERT_NE(request->checkAppsStateTimer(), nullptr);
+    ASSERT_NE(request->windowHandle(), nullptr);
+    // The way the title bar's button arrives: a close request from the window system.
+    EXPECT_TRUE(request->windowHandle()->close());
+    expectGivenUp("the close button");
+    EXPECT_EQ(controller->backups().count(), 0);
+}
+
+TEST_F(QuitAppsTest, TheCheckLeavesTheBackupWaitingWhileAModalWindowIsUpAndStartsItOnceItHasClosed)
+{
+    QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
+    QDialog alert(controller.get());
+    alert.setModal(true);
+    alert.show();
+    ASSERT_EQ(QApplication::activeModalWidget(), &alert);
+
+    applications.remove(42);
+    ASSERT_NE(request->checkAppsStateTimer(), nullptr);
+    QSignalSpy ticks(request->checkAppsStateTimer(), &QTimer::timeout);
+    ASSERT_TRUE(runEventLoopUntil([&] { return ticks.count() >= 3; }));
+    EXPECT_EQ(finished.count(), 0);
+    EXPECT_TRUE(request->isVisible()) << "still waiting, though Notes is gone";
+    EXPECT_NE(request->checkAppsStateTimer(), nullptr) << "and still checking";
+    EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
+    EXPECT_TRUE(controller->isiCloudBackingUp());
+
+    alert.close();
+    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() > 0; }));
+    EXPECT_FALSE(request->isVisible());
+    EXPECT_EQ(controller->backups().count(), 1);
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 #include "ui_QuitAppsRequestWindowController.h"
 
 #include <QApplication>
-#include <QCloseEvent>
 #include <QTimer>
 
 namespace {
@@ -88,8 +87,13 @@ void QuitAppsRequestWindowController::scheduleCheckAppsStateTimer()
 }
 
 // Only the listed applications are checked; one started meanwhile is found by the button or a new request.
+// Under an alert or another modal window the tick is skipped whole: starting the operation would put its
+// own windows and questions in the middle of that one, and raising windows could bury it. A later tick
+// finds the applications gone all the same.
 void QuitAppsRequestWindowController::checkAppsStateTimerCallback()
 {
+    if (QWidget* modal = QApplication::activeModalWidget(); modal && modal != this)
+        return;
     QList<pid_t> gone;
     for (const AppEntry& entry : m_appsToQuit) {
         if (!m_runningApplications.runningApplicationWithProcessIdentifier(entry.pid)) {
@@ -125,15 +129,15 @@ void QuitAppsRequestWindowController::backUpNowOrRestore(QPushButton* sender)
 
 void QuitAppsRequestWindowController::cancelBtnAction()
 {
-    stopCheckAppsStateTimer();
-    clearBusyFlagOfTag();
-    hide();
+    reject();
 }
 
-void QuitAppsRequestWindowController::closeEvent(QCloseEvent* event)
+// QDialog sends Escape straight here without a close event, and turns a close event into this call only
+// while the window is shown: closing it once the operation has started leaves that operation's flag alone.
+void QuitAppsRequestWindowController::reject()
 {
     windowWillClose();
-    QDialog::closeEvent(event);
+    QDialog::reject();
 }
 
 void QuitAppsRequestWindowController::windowWillClose()

@@ -20,7 +20,8 @@ class QuitAppsRequestWindowController;
 
 // Lists the running applications that use the iCloud folder and asks the user to quit them. Once a
 // second it checks them by process id; when the last one is gone it hides and starts the pending back
-// up (tag 0) or restore (tag 1) again from the top. Cancel, or closing the window, gives the operation up.
+// up (tag 0) or restore (tag 1) again from the top, though never under an alert or another modal
+// window. Cancel, Escape or closing the window gives the operation up.
 class QuitAppsRequestWindowController : public QDialog {
     Q_OBJECT
 
@@ -61,8 +62,8 @@ public:
     QPushButton* backUpNowOrRestoreBtn() const;
     QLabel* infoLabel() const;
 
-protected:
-    void closeEvent(QCloseEvent* event) override;
+    // Escape, the title bar's close button and close() all end here, as Cancel does.
+    void reject() override;
 
 private:
     void windowDidLoad();
