@@ -38,6 +38,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import urllib.parse
 import xml.etree.ElementTree as ElementTree
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -830,8 +831,38 @@ def restore(session, first_folder):
     wait_for("the iCloud folder to equal backup 1 again", restored)
     if os.path.exists(added):
         raise Failure("the restore left a file that is not in the backup: %s" % added)
-    log("restored backup 1: Notes.txt and Projects/Budget.csv are back, the added file is gone")
+    trash = os.path.join(session.home, ".local", "share", "Trash")
+    for original, content in ((notes, b"changed after the backup\n"), (added, b"not in any backup\n")):
+        check_trashed(trash, original, content)
+    log("restored backup 1: Notes.txt and Projects/Budget.csv are back, the added file is gone; the changed"
+        " and the added file are in the Trash with their .trashinfo")
     session.shot(session.main, "restored")
+
+
+TRASH_INFO = re.compile(rb"\A\[Trash Info\]\nPath=(/[^\n]+)\nDeletionDate=(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d)\n\Z")
+
+
+def check_trashed(trash, original, content):
+    """The item that was at `original` is in the home Trash with `content` and a .trashinfo that names
+    where it was and when it went, as a file manager needs to put it back."""
+    name = os.path.basename(original)
+    try:
+        with open(os.path.join(trash, "info", name + ".trashinfo"), "rb") as info:
+            match = TRASH_INFO.match(info.read())
+        with open(os.path.join(trash, "files", name), "rb") as item:
+            trashed = item.read()
+    except OSError as error:
+        raise Failure("%s is not in the Trash: %s" % (original, error))
+    if not match:
+        raise Failure("the .trashinfo of %s is not valid" % name)
+    path = urllib.parse.unquote_to_bytes(match.group(1).decode())
+    if path != os.fsencode(original):
+        raise Failure("the .trashinfo of %s names %r, not %r" % (name, path, original))
+    went = datetime.datetime.strptime(match.group(2).decode(), "%Y-%m-%dT%H:%M:%S")
+    if abs((datetime.datetime.now() - went).total_seconds()) > 120:
+        raise Failure("the .trashinfo of %s dates it %s" % (name, went))
+    if trashed != content:
+        raise Failure("the Trash holds %r for %s, expected %r" % (trashed, name, content))
 
 
 def delete_second(session, second_folder):
