@@ -5,6 +5,7 @@
 #include "platform/SingleInstance.h"
 #include "platform/TerminationSignals.h"
 #include "support/MainWindowFixture.h"
+#include "support/PausingCopier.h"
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
@@ -63,18 +64,10 @@ protected:
     std::function<void(const std::atomic<bool>*)> copierHook;
     AppDelegate delegate{{defaults, chooser, passwords, applications, alerts, fileManager,
                           scriptedStreamFactory(streams), std::chrono::milliseconds(10),
-                          [this](const fs::path& source, const fs::path& destination, const std::atomic<bool>& cancel,
-                                 const DirectoryCopier::Progress& progress, const std::atomic<bool>* abandon) {
-                              bool first = true;
-                              return DirectoryCopier::copyDirectoryAtPath(
-                                  source, destination, cancel,
-                                  [&](const fs::path& copied) {
-                                      progress(copied);
-                                      if (std::exchange(first, false) && copierHook)
-                                          copierHook(abandon);
-                                  },
-                                  abandon);
-                          },
+                          copierPausingAfterFirstFile([this](const std::atomic<bool>* abandon) {
+                              if (copierHook)
+                                  copierHook(abandon);
+                          }),
                           [this] { return clock; }}};
     QDateTime clock = QDateTime::currentDateTime();
     MainWindowController* controller = nullptr;

@@ -3,6 +3,7 @@
 #include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
 #include "support/MainWindowFixture.h"
+#include "support/PausingCopier.h"
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
@@ -70,18 +71,7 @@ protected:
     // Stops each copy after its first file until the test releases it.
     void holdCopiesAfterTheFirstFile()
     {
-        copier = [this](const fs::path& source, const fs::path& destination, const std::atomic<bool>& cancel,
-                        const DirectoryCopier::Progress& progress, const std::atomic<bool>* abandon) {
-            bool first = true;
-            return DirectoryCopier::copyDirectoryAtPath(
-                source, destination, cancel,
-                [&](const fs::path& copied) {
-                    progress(copied);
-                    if (std::exchange(first, false))
-                        release.get_future().wait();
-                },
-                abandon);
-        };
+        copier = copierPausingAfterFirstFile([this](const std::atomic<bool>*) { release.get_future().wait(); });
     }
     std::vector<fs::path> backupRootEntries() const
     {
@@ -182,18 +172,7 @@ TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRem
     // The copy waits after its first file until the test has pressed Cancel.
     std::promise<void> cancelled;
     std::shared_future<void> pressed = cancelled.get_future().share();
-    copier = [pressed](const fs::path& source, const fs::path& destination, const std::atomic<bool>& cancel,
-                       const DirectoryCopier::Progress& progress, const std::atomic<bool>* abandon) {
-        bool first = true;
-        return DirectoryCopier::copyDirectoryAtPath(
-            source, destination, cancel,
-            [&](const fs::path& copied) {
-                progress(copied);
-                if (std::exchange(first, false))
-                    pressed.wait();
-            },
-            abandon);
-    };
+    copier = copierPausingAfterFirstFile([pressed](const std::atomic<bool>*) { pressed.wait(); });
     auto controller = openWindow();
     QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
     controller->backUpNow();
