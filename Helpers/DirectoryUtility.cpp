@@ -4,8 +4,6 @@
 #include "ParallelWalk.h"
 #include "platform/PasswordDatabase.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <optional>
@@ -47,14 +45,6 @@ struct PartialMeasure {
     }
 };
 
-[[noreturn]] void failAssertion(const char* expression, const char* operation, const char* file, int line)
-{
-    std::fprintf(stderr, "*** Assertion failure in %s, %s:%d\n*** Terminating: invalid parameter not satisfying: %s\n",
-                 operation, file, line, expression);
-    std::fflush(stderr);
-    std::abort();
-}
-
 } // namespace
 
 FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::path& path,
@@ -83,12 +73,9 @@ FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::pa
     return FolderMeasure{totalSize.load(), static_cast<std::int32_t>(filesCount.load())};
 }
 
-std::string DirectoryUtility::realHomeDirectory(const PasswordDatabase& passwords)
+std::optional<std::string> DirectoryUtility::realHomeDirectory(const PasswordDatabase& passwords)
 {
-    std::optional<std::string> home = passwords.homeDirectoryOfUser(::getuid());
-    if (!home)
-        failAssertion("pw", "+[NSFileManager(DirectoryUtility) realHomeDirectory]", "Helpers/CocoaAdditions", 76);
-    return *home;
+    return passwords.homeDirectoryOfUser(::getuid());
 }
 
 bool DirectoryUtility::isAliasFile(int /*parentFd*/, const char* /*name*/)

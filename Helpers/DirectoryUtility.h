@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 class PasswordDatabase;
@@ -29,8 +30,8 @@ public:
 
     // The home folder of the process's real user from the password database, not from $HOME: the
     // environment can point elsewhere, while this must name the folder that holds the user's documents.
-    // Ends the program through an assertion failure when the user has no entry.
-    static std::string realHomeDirectory(const PasswordDatabase& passwords);
+    // Nothing when the user has no entry: then no folder can be taken for the home folder.
+    static std::optional<std::string> realHomeDirectory(const PasswordDatabase& passwords);
 
     // Finder alias files do not exist on this platform, so nothing is one.
     static bool isAliasFile(int parentFd, const char* name);

@@ -49,8 +49,8 @@ HomeFolderOutcome HomeFolderAcquisition::askOnFirstLaunch()
         m_chooser.chooseFolder(Localizer::localizedStringForKey(QStringLiteral("openPanelTitle")));
     if (!chosen)
         return {};
-    const QString realHome = QFile::decodeName(DirectoryUtility::realHomeDirectory(m_passwords).c_str());
-    if (*chosen != realHome)
+    const std::optional<std::string> realHome = DirectoryUtility::realHomeDirectory(m_passwords);
+    if (!realHome || *chosen != QFile::decodeName(realHome->c_str()))
         return HomeFolderOutcome{std::nullopt, true};
     storeBookmark(*chosen);
     return HomeFolderOutcome{chosen, false};

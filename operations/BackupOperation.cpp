@@ -5,6 +5,7 @@
 #include "Helpers/ItemRemover.h"
 #include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
+#include "operations/Logging.h"
 
 #include <QFile>
 #include <cerrno>
@@ -137,14 +138,18 @@ void BackupOperation::removeFolder()
         return;
     const std::optional<FsError> failed = ItemRemover::removeItemAtPath(m_folderPath);
     NotCopiedList::remove(m_folderPath);
-    if (!failed || failed->code == ENOENT)
+    if (!failed || failed->code == ENOENT) {
         UnfinishedMark::clear(m_folderPath);
+        return;
+    }
+    qCInfo(lcBackup) << "unfinished backup folder left for the next launch:" << failed->describe().c_str();
 }
 
 void BackupOperation::abandonAndRemoveFolder(std::chrono::milliseconds wait, bool recorded)
 {
     abandon();
-    waitForWorkers(wait);
+    if (!waitForWorkers(wait))
+        qCInfo(lcBackup) << "the copy had not stopped after" << wait.count() << "ms; removing its folder anyway";
     if (!recorded)
         removeFolder();
 }

@@ -10,6 +10,7 @@
 #include "engine/BackupRoot.h"
 #include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
+#include "operations/Logging.h"
 #include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
 #include "platform/BundleInfo.h"
@@ -415,8 +416,8 @@ void MainWindowController::backUpNow()
 bool MainWindowController::askForHomeDirectory()
 {
     const std::optional<QString> chosen = m_services.folderChooser.chooseFolder(localized("openPanelTitle"));
-    const QString realHome = QFile::decodeName(DirectoryUtility::realHomeDirectory(m_services.passwords).c_str());
-    if (!chosen || *chosen != realHome) {
+    const std::optional<std::string> realHome = DirectoryUtility::realHomeDirectory(m_services.passwords);
+    if (!chosen || !realHome || *chosen != QFile::decodeName(realHome->c_str())) {
         runBadHomeDirectoryAlert();
         return false;
     }
@@ -590,8 +591,11 @@ void MainWindowController::sweepUnfinishedBackups()
     if (marked.empty())
         return;
     QThreadPool::globalInstance()->start([marked = std::move(marked)] {
-        for (const auto& [folder, recorded] : marked)
-            (void)UnfinishedMark::sweep(folder, recorded);
+        for (const auto& [folder, recorded] : marked) {
+            if (const std::optional<FsError> failed = UnfinishedMark::sweep(folder, recorded))
+                qCInfo(lcBackup) << "unfinished backup folder not removed, tried again next launch:"
+                                 << failed->describe().c_str();
+        }
     });
 }
 
@@ -776,7 +780,9 @@ void MainWindowController::stopForQuit()
         m_backUpRun->abandonAndRemoveFolder(kQuitWait, isRecorded(m_backUpRun->backupFolder()));
     if (m_restoreRun && !m_restoreRun->hasEnded()) {
         m_restoreRun->abandon();
-        m_restoreRun->waitForWorkers(kQuitWait);
+        if (!m_restoreRun->waitForWorkers(kQuitWait))
+            qCInfo(lcRestore) << "quitting while the restore's copy had not stopped after" << kQuitWait.count() << "ms";
+        qCInfo(lcRestore) << "quit during a restore: the iCloud folder is left partly restored";
     }
 }
 
