@@ -3,12 +3,11 @@
 #include "engine/CopyOutcome.h"
 #include "engine/DirectoryCopier.h"
 
-#include <QCoreApplication>
+#include "operations/Background.h"
+
 #include <QObject>
-#include <QPointer>
 #include <QSemaphore>
 #include <QString>
-#include <QThreadPool>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -97,18 +96,14 @@ template <typename Result>
 inline void CopyOperation::inBackground(std::function<Result()> work, std::function<void(Result)> then)
 {
     workerStarted();
-    QPointer<CopyOperation> self(this);
     std::shared_ptr<QSemaphore> done = m_workersDone;
-    QThreadPool::globalInstance()->start([work = std::move(work), then = std::move(then), self, done] {
-        Result result = work();
-        // The main loop may never run again (the program is quitting): the quit guard waits on this.
-        done->release();
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [self, then, result = std::move(result)] {
-                if (self)
-                    then(result);
-            },
-            Qt::QueuedConnection);
-    });
+    runInBackground(
+        this,
+        [work = std::move(work), done] {
+            Result result = work();
+            // The main loop may never run again (the program is quitting): the quit guard waits on this.
+            done->release();
+            return result;
+        },
+        std::move(then));
 }

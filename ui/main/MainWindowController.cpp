@@ -10,6 +10,7 @@
 #include "engine/BackupRoot.h"
 #include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
+#include "operations/Background.h"
 #include "operations/Logging.h"
 #include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
@@ -37,7 +38,6 @@
 #include <QScreen>
 #include <QShortcut>
 #include <QThread>
-#include <QThreadPool>
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -348,19 +348,10 @@ void MainWindowController::setiCloudSize()
     }
     m_calculatingiCloudSize = true;
     const std::string path = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
-    QPointer<MainWindowController> controller(this);
     std::shared_ptr<std::atomic<bool>> stop = m_stopMeasures;
-    QThreadPool::globalInstance()->start([path, controller, stop] {
-        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(path, nullptr, stop.get());
-        // The controller is only looked at on the main thread, where it may be gone at shutdown.
-        QMetaObject::invokeMethod(
-            qApp,
-            [controller, size = measure.totalSize] {
-                if (controller)
-                    controller->finishiCloudSizeCalculation(size);
-            },
-            Qt::QueuedConnection);
-    });
+    runInBackground(
+        this, [path, stop] { return DirectoryUtility::sizeForDirectoryAtPath(path, nullptr, stop.get()).totalSize; },
+        [this](std::uint64_t size) { finishiCloudSizeCalculation(size); });
 }
 
 void MainWindowController::finishiCloudSizeCalculation(std::uint64_t totalSize)
@@ -590,7 +581,7 @@ void MainWindowController::sweepUnfinishedBackups()
     }
     if (marked.empty())
         return;
-    QThreadPool::globalInstance()->start([marked = std::move(marked)] {
+    runInBackground([marked = std::move(marked)] {
         for (const auto& [folder, recorded] : marked) {
             if (const std::optional<FsError> failed = UnfinishedMark::sweep(folder, recorded))
                 qCInfo(lcBackup) << "unfinished backup folder not removed, tried again next launch:"
