@@ -142,7 +142,7 @@ int uiLatency(int argc, char* argv[])
     QObject::connect(&ticker, &QTimer::timeout, [&] {
         const qint64 now = clock.nsecsElapsed();
         if (expected)
-            delays.push_back(std::max<qint64>(0, now - expected) / 1e6);
+            delays.push_back(static_cast<double>(std::max<qint64>(0, now - expected)) / 1e6);
         expected = now + 1000000;
     });
     int round = 0;
@@ -176,9 +176,12 @@ int uiLatency(int argc, char* argv[])
     QApplication::exec();
 
     std::sort(delays.begin(), delays.end());
-    auto percentile = [&](double p) { return delays.empty() ? 0.0 : delays[std::size_t(p * (delays.size() - 1))]; };
+    auto percentile = [&](double p) {
+        return delays.empty() ? 0.0 : delays[static_cast<std::size_t>(p * static_cast<double>(delays.size() - 1))];
+    };
     std::printf("rounds=%d measure_ms=%.1f samples=%zu delay_p50_ms=%.3f delay_p99_ms=%.3f delay_max_ms=%.3f\n",
-                rounds, measuredNs / 1e6 / rounds, delays.size(), percentile(0.5), percentile(0.99),
+                rounds, static_cast<double>(measuredNs) / 1e6 / rounds, delays.size(), percentile(0.5),
+                percentile(0.99),
                 delays.empty() ? 0.0 : delays.back());
     return 0;
 }

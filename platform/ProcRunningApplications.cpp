@@ -555,23 +555,23 @@ std::optional<ProcRunningApplications::Process> ProcRunningApplications::readPro
 std::optional<ProcRunningApplications::Application> ProcRunningApplications::readApplication(int processFd,
                                                                                              pid_t pid) const
 {
-    const std::optional<QByteArray> environ = readSmallFile(processFd, "environ", kEnvironmentLimit);
-    if (!environ)
+    const std::optional<QByteArray> environText = readSmallFile(processFd, "environ", kEnvironmentLimit);
+    if (!environText)
         return std::nullopt;
-    const Environment environment = environmentOf(*environ);
+    const Environment environment = environmentOf(*environText);
     const Identity identity = identify(processFd, environment);
     if (identity.key.isEmpty() && !environment.graphical)
         return std::nullopt;
     return Application{describe(processFd, pid, identity), identity.key};
 }
 
-ProcRunningApplications::Environment ProcRunningApplications::environmentOf(const QByteArray& environ)
+ProcRunningApplications::Environment ProcRunningApplications::environmentOf(const QByteArray& environText)
 {
     const auto path = [](std::string_view value) {
         return QFile::decodeName(QByteArray(value.data(), static_cast<qsizetype>(value.size())));
     };
     Environment environment;
-    forEachPiece(viewOf(environ), '\0', [&](std::string_view entry) {
+    forEachPiece(viewOf(environText), '\0', [&](std::string_view entry) {
         const std::string_view name = entry.substr(0, entry.find('='));
         const std::string_view value = entry.substr(std::min(entry.size(), name.size() + 1));
         if ((name == "DISPLAY" || name == "WAYLAND_DISPLAY") && !value.empty())

@@ -76,7 +76,7 @@ private:
     ProcessTable readProcessTable() const;
     std::optional<Process> readProcess(int procFd, pid_t pid) const;
     std::optional<Application> readApplication(int processFd, pid_t pid) const;
-    static Environment environmentOf(const QByteArray& environ);
+    static Environment environmentOf(const QByteArray& environText);
     Identity identify(int processFd, const Environment& environment) const;
     static Identity snapIdentity(const QString& snapName, const Environment& environment);
     RunningApplication describe(int processFd, pid_t pid, const Identity& identity) const;
