@@ -26,15 +26,15 @@ protected:
     std::unique_ptr<BackupStore> reloaded()
     {
         later = std::make_unique<UserDefaults>(UserDefaults::standardFilePath());
-        auto store = std::make_unique<BackupStore>(*later);
-        store->load();
-        return store;
+        auto loaded = std::make_unique<BackupStore>(*later);
+        loaded->load();
+        return loaded;
     }
     QStringList storedFolders()
     {
-        const auto store = reloaded();
+        const auto loaded = reloaded();
         QStringList folders;
-        for (const BackupRecordRef& r : store->records())
+        for (const BackupRecordRef& r : loaded->records())
             folders << r->backupFolder().value_or("<none>");
         return folders;
     }

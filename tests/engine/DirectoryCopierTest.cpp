@@ -297,12 +297,12 @@ TEST_F(DirectoryCopierTest, WhatCannotBeCopiedIsListedAndTheWalkGoesOn)
 
     const std::optional<std::string> answer = runUnprivileged([&] {
         const CopyOutcome outcome = copy();
-        std::string answer = endingOf(outcome) + ";";
+        std::string summary = endingOf(outcome) + ";";
         for (const std::string& item : notCopied(outcome))
-            answer += " " + item + ";";
+            summary += " " + item + ";";
         for (const std::string& name : progressRelative())
-            answer += " " + name;
-        return answer;
+            summary += " " + name;
+        return summary;
     });
     if (!answer)
         GTEST_SKIP() << "cannot run a child as an unprivileged user here";

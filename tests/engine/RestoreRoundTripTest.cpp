@@ -329,9 +329,10 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupByRsyncExceptHiddenAd
         const fs::path relative = entry.path().lexically_relative(backup());
         if (entry.is_directory() && !entry.is_symlink() && foldersBefore.contains(relative))
             continue; // kept, with its own time
-        const timespec restored = statusOf(live() / relative).st_mtim;
-        const timespec original = statusOf(entry.path()).st_mtim;
-        EXPECT_EQ(std::pair(restored.tv_sec, restored.tv_nsec), std::pair(original.tv_sec, original.tv_nsec))
+        const timespec restoredTime = statusOf(live() / relative).st_mtim;
+        const timespec originalTime = statusOf(entry.path()).st_mtim;
+        EXPECT_EQ(std::pair(restoredTime.tv_sec, restoredTime.tv_nsec),
+                  std::pair(originalTime.tv_sec, originalTime.tv_nsec))
             << relative;
     }
 }

@@ -107,7 +107,7 @@ TEST_F(FolderMeasureTest, AMeasureAbandonedAtQuitGoesThroughNothing)
 }
 
 struct ScriptedPasswordDatabase : PasswordDatabase {
-    explicit ScriptedPasswordDatabase(std::optional<std::string> home) : home(std::move(home)) {}
+    explicit ScriptedPasswordDatabase(std::optional<std::string> homeFolder) : home(std::move(homeFolder)) {}
     std::optional<std::string> homeDirectoryOfUser(uid_t) const override { return home; }
     std::optional<std::string> home;
 };
