@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <atomic>
 #include <fcntl.h>
-#include <system_error>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -17,6 +17,12 @@ unsigned workerCount()
     return std::clamp(std::thread::hardware_concurrency(), 1U, 4U);
 }
 
+ParallelWalk::Starter& starter()
+{
+    static ParallelWalk::Starter theStarter;
+    return theStarter;
+}
+
 void forEachInParallel(const std::vector<std::string>& names, const std::function<void(const std::string&)>& work)
 {
     std::atomic<std::size_t> next{0};
@@ -24,21 +30,30 @@ void forEachInParallel(const std::vector<std::string>& names, const std::functio
         for (std::size_t i = next.fetch_add(1); i < names.size(); i = next.fetch_add(1))
             work(names[i]);
     };
-    const std::size_t helpers = std::min<std::size_t>(workerCount() - 1, names.size() / 2);
-    std::vector<std::thread> threads;
+    const std::size_t helpers = starter() ? std::min<std::size_t>(workerCount() - 1, names.size() / 2) : 0;
+    std::atomic<std::size_t> running{0};
     for (std::size_t i = 0; i < helpers; ++i) {
-        try {
-            threads.emplace_back(worker);
-        } catch (const std::system_error&) {
-            break;
-        }
+        running.fetch_add(1);
+        const bool started = starter()([&] {
+            worker();
+            running.fetch_sub(1);
+            running.notify_one();
+        });
+        if (!started)
+            running.fetch_sub(1);
     }
     worker();
-    for (std::thread& thread : threads)
-        thread.join();
+    // The helpers' shares are done once the list is; this waits for them to leave the walk.
+    for (std::size_t left = running.load(); left != 0; left = running.load())
+        running.wait(left);
 }
 
 } // namespace
+
+void ParallelWalk::setStarter(Starter newStarter)
+{
+    starter() = std::move(newStarter);
+}
 
 bool ParallelWalk::walk(const std::filesystem::path& root, const DirectoryWalker::Visitor& visit,
                         const Subtree& subtree)

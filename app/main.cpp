@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 #include "app/GraphicalSession.h"
+#include "Helpers/ParallelWalk.h"
 #include "app/iCloudPrefs.h"
 #include "platform/BundleInfo.h"
 #include "platform/FreedesktopFileManager.h"
@@ -13,6 +14,7 @@
 
 #include <QApplication>
 #include <QSessionManager>
+#include <QThreadPool>
 #include <QTimer>
 #include <cstdio>
 
@@ -29,6 +31,8 @@ int main(int argc, char* argv[])
     QApplication::setApplicationVersion(QString::fromLatin1(BundleInfo::kVersion));
     // Closing the main window only hides it; quitting is a command of its own.
     QApplication::setQuitOnLastWindowClosed(false);
+    // The parallel walks share the program's pool; a task it cannot start at once is the caller's share.
+    ParallelWalk::setStarter([](std::function<void()> task) { return QThreadPool::globalInstance()->tryStart(std::move(task)); });
 
     SingleInstance instance(SingleInstance::defaultName());
     if (instance.handOverToRunningInstance())

@@ -1,5 +1,6 @@
 // Exposes the engine to the benchmark scripts under bench/: one sub-command per operation.
 #include "Helpers/DirectoryUtility.h"
+#include "Helpers/ParallelWalk.h"
 #include "app/iCloudPrefs.h"
 #include "engine/DirectoryCopier.h"
 #include "engine/BackupRoot.h"
@@ -21,6 +22,7 @@
 #include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
+#include <QThreadPool>
 #include <QTimer>
 #include <algorithm>
 #include <atomic>
@@ -289,6 +291,8 @@ int restore(int argc, char* argv[])
 
 int main(int argc, char* argv[])
 {
+    // As the program does: the parallel walks share the pool.
+    ParallelWalk::setStarter([](std::function<void()> task) { return QThreadPool::globalInstance()->tryStart(std::move(task)); });
     if (argc == 3 && std::strcmp(argv[1], "measure") == 0)
         return measure(argv[2]);
     if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "watch") == 0)

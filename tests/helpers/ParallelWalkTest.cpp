@@ -2,9 +2,12 @@
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
+#include <algorithm>
+#include <atomic>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <set>
+#include <thread>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -65,10 +68,25 @@ TEST_F(ParallelWalkTest, EachTopLevelFolderIsWalkedOnceAndEveryEntryIsSeenOnceAl
     makeSymlink(root().string(), home.path() / "alias-of-root");
 
     EXPECT_TRUE(walkAll(root()));
-    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(seen, expected) << "on the calling thread alone, without a starter";
+
+    // A starter like the program's pool, and one whose pool is busy: every share is still walked once.
+    std::atomic<int> started = 0;
+    ParallelWalk::setStarter([&](std::function<void()> task) {
+        ++started;
+        std::thread(std::move(task)).detach();
+        return true;
+    });
     seen.clear();
     EXPECT_TRUE(walkAll(home.path() / "alias-of-root"));
     EXPECT_EQ(seen, expected);
+    EXPECT_EQ(started, static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 4U)) - 1);
+
+    ParallelWalk::setStarter([](std::function<void()>) { return false; });
+    seen.clear();
+    EXPECT_TRUE(walkAll(root()));
+    EXPECT_EQ(seen, expected);
+    ParallelWalk::setStarter({});
 }
 
 } // namespace
