@@ -139,7 +139,7 @@ private:
             report("fstatat", name, errno);
             return false;
         }
-        type = IFTODT(st.st_mode);
+        type = static_cast<unsigned char>(IFTODT(st.st_mode));
         return true;
     }
 
