@@ -103,6 +103,9 @@ MainWindowController::~MainWindowController()
         m_restoreRun->abandon();
     if (m_windowLoaded)
         saveWindowFrame();
+    // The table outlives this part of the object while the window takes its children down, and its model
+    // would ask a controller that is gone for its rows.
+    m_ui->backupsTable->setModel(nullptr);
 }
 
 void MainWindowController::showWindow()
