@@ -107,12 +107,25 @@ void BackupOperation::copyEnded(const CopyOutcome& outcome)
         keepNotCopiedList(outcome.notCopied);
         return;
     case CopyOutcome::Ending::Cancelled:
-        removeFolder();
-        return endWith(Ending::Canceled);
+        return removeFolderThenEndWith(Ending::Canceled);
     case CopyOutcome::Ending::OutOfSpace:
-        removeFolder();
-        return endWith(Ending::NotEnoughSpace);
+        return removeFolderThenEndWith(Ending::NotEnoughSpace);
     }
+}
+
+// A partial copy can hold many thousands of files: they go on the pool, and the run ends (the progress
+// window with it) once they are gone.
+void BackupOperation::removeFolderThenEndWith(Ending ending)
+{
+    if (!m_createdFolder)
+        return endWith(ending);
+    std::filesystem::path folder = m_folderPath;
+    inBackground<bool>(
+        [folder] {
+            removeCreatedFolder(folder);
+            return true;
+        },
+        [this, ending](bool) { endWith(ending); });
 }
 
 // A list that cannot be kept would let a later restore take the missing items for deleted ones, so the
@@ -131,15 +144,19 @@ void BackupOperation::keepNotCopiedList(std::vector<FsError> items)
     endWith(Ending::Copied);
 }
 
-// The mark goes last: a removal cut short is finished by the next launch.
 void BackupOperation::removeFolder()
 {
-    if (!m_createdFolder)
-        return;
-    const std::optional<FsError> failed = ItemRemover::removeItemAtPath(m_folderPath);
-    NotCopiedList::remove(m_folderPath);
+    if (m_createdFolder)
+        removeCreatedFolder(m_folderPath);
+}
+
+// The mark goes last: a removal cut short is finished by the next launch.
+void BackupOperation::removeCreatedFolder(const std::filesystem::path& folder)
+{
+    const std::optional<FsError> failed = ItemRemover::removeItemAtPath(folder);
+    NotCopiedList::remove(folder);
     if (!failed || failed->code == ENOENT) {
-        UnfinishedMark::clear(m_folderPath);
+        UnfinishedMark::clear(folder);
         return;
     }
     qCInfo(lcBackup) << "unfinished backup folder left for the next launch:" << failed->describe().c_str();

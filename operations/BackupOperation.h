@@ -54,6 +54,8 @@ private:
     void copyEnded(const CopyOutcome& outcome) override;
     void keepNotCopiedList(std::vector<FsError> items);
     void removeFolder();
+    void removeFolderThenEndWith(Ending ending);
+    static void removeCreatedFolder(const std::filesystem::path& folder);
     void endWith(Ending ending);
 
     std::filesystem::path m_source;
