@@ -61,15 +61,8 @@ bool isCopiedAttribute(const char* name)
 
 std::optional<FsError> writeAll(int destination, const char* data, std::size_t size, const char* name)
 {
-    while (size > 0) {
-        const ssize_t written = ::write(destination, data, size);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return FsError{"write", name, written < 0 ? errno : EIO};
-        data += written;
-        size -= static_cast<std::size_t>(written);
-    }
+    if (const int code = FileDescriptor::writeAll(destination, data, size))
+        return FsError{"write", name, code};
     return std::nullopt;
 }
 

@@ -1,5 +1,7 @@
 #include "NotCopiedList.h"
 
+#include "Helpers/FileDescriptor.h"
+
 #include <cerrno>
 #include <charconv>
 #include <fcntl.h>
@@ -100,15 +102,8 @@ std::optional<FsError> failure(const char* operation, const std::filesystem::pat
 
 std::optional<FsError> writeAll(int fd, const std::string& text, const std::filesystem::path& path)
 {
-    std::size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t wrote = ::write(fd, text.data() + done, text.size() - done);
-        if (wrote < 0 && errno == EINTR)
-            continue;
-        if (wrote <= 0)
-            return failure("write", path);
-        done += static_cast<std::size_t>(wrote);
-    }
+    if (const int code = FileDescriptor::writeAll(fd, text.data(), text.size()))
+        return FsError{"write", path, code};
     if (::fsync(fd) != 0)
         return failure("fsync", path);
     return std::nullopt;

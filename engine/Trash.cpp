@@ -1,5 +1,7 @@
 #include "Trash.h"
 
+#include "Helpers/FileDescriptor.h"
+
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -101,20 +103,6 @@ std::string entryBase(const char* name)
         --cut;
     base.resize(cut);
     return base;
-}
-
-bool writeAll(int fd, const std::string& text)
-{
-    for (std::size_t done = 0; done < text.size();) {
-        const ssize_t wrote = ::write(fd, text.data() + done, text.size() - done);
-        if (wrote < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        done += static_cast<std::size_t>(wrote);
-    }
-    return true;
 }
 
 // A rename that never replaces what is in the trash already: an entry without its .trashinfo (left by a
@@ -226,7 +214,7 @@ std::optional<FsError> Trash::moveToTrash(int parentFd, const char* name,
                 continue;
             return FsError{"openat", place.folder / "info" / infoName, errno};
         }
-        int code = writeAll(fd, info) ? 0 : errno;
+        int code = FileDescriptor::writeAll(fd, info.data(), info.size());
         if (::close(fd) != 0 && code == 0)
             code = errno;
         if (code != 0) {
