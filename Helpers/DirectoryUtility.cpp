@@ -2,7 +2,6 @@
 
 #include "DirectoryWalker.h"
 #include "ParallelWalk.h"
-#include "platform/PasswordDatabase.h"
 
 #include <cstring>
 #include <fcntl.h>
@@ -71,11 +70,6 @@ FolderMeasure DirectoryUtility::sizeForDirectoryAtPath(const std::filesystem::pa
         });
     add(rootEntries);
     return FolderMeasure{totalSize.load(), static_cast<std::int32_t>(filesCount.load())};
-}
-
-std::optional<std::string> DirectoryUtility::realHomeDirectory(const PasswordDatabase& passwords)
-{
-    return passwords.homeDirectoryOfUser(::getuid());
 }
 
 bool DirectoryUtility::isAliasFile(int /*parentFd*/, const char* /*name*/)

@@ -6,8 +6,6 @@
 #include <optional>
 #include <string>
 
-class PasswordDatabase;
-
 // Size and file count of a folder tree, as the backup list and the inspector show them.
 struct FolderMeasure {
     std::uint64_t totalSize = 0;     // bytes of every counted item, st_size of the item itself
@@ -27,11 +25,6 @@ public:
     static FolderMeasure sizeForDirectoryAtPath(const std::filesystem::path& path,
                                                 const std::atomic<bool>* stopCounting = nullptr,
                                                 const std::atomic<bool>* abandon = nullptr);
-
-    // The home folder of the process's real user from the password database, not from $HOME: the
-    // environment can point elsewhere, while this must name the folder that holds the user's documents.
-    // Nothing when the user has no entry: then no folder can be taken for the home folder.
-    static std::optional<std::string> realHomeDirectory(const PasswordDatabase& passwords);
 
     // Finder alias files do not exist on this platform, so nothing is one.
     static bool isAliasFile(int parentFd, const char* name);

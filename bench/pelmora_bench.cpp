@@ -1,9 +1,9 @@
 // Exposes the engine to the benchmark scripts under bench/: one sub-command per operation.
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/ParallelWalk.h"
-#include "app/iCloudPrefs.h"
+#include "store/iCloudPrefs.h"
 #include "engine/DirectoryCopier.h"
-#include "engine/BackupRoot.h"
+#include "store/BackupRoot.h"
 #include "engine/RestorePreparation.h"
 #include "operations/RestoreOperation.h"
 #include "platform/EventStream.h"

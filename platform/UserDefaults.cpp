@@ -1,6 +1,6 @@
 #include "UserDefaults.h"
 
-#include "BundleInfo.h"
+#include "Helpers/BundleInfo.h"
 
 #include <QDateTime>
 #include <QDir>

@@ -1,6 +1,6 @@
 #include "app/AppDelegate.h"
 #include "app/MainMenu.h"
-#include "engine/BackupRoot.h"
+#include "store/BackupRoot.h"
 #include "engine/UnfinishedMark.h"
 #include "platform/SingleInstance.h"
 #include "platform/TerminationSignals.h"

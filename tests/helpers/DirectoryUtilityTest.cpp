@@ -1,6 +1,4 @@
 #include "Helpers/DirectoryUtility.h"
-#include "platform/PasswordDatabase.h"
-#include "platform/PosixPasswordDatabase.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
@@ -104,27 +102,6 @@ TEST_F(FolderMeasureTest, AMeasureAbandonedAtQuitGoesThroughNothing)
     // Not one file was looked at, on any thread.
     EXPECT_EQ(measure.totalSize, 0u);
     EXPECT_EQ(measure.totalFilesCount, 0);
-}
-
-struct ScriptedPasswordDatabase : PasswordDatabase {
-    explicit ScriptedPasswordDatabase(std::optional<std::string> homeFolder) : home(std::move(homeFolder)) {}
-    std::optional<std::string> homeDirectoryOfUser(uid_t) const override { return home; }
-    std::optional<std::string> home;
-};
-
-TEST(RealHomeDirectoryTest, ComesFromThePasswordDatabaseNotTheEnvironment)
-{
-    TestHome home; // HOME now points at a temporary folder
-    EXPECT_EQ(DirectoryUtility::realHomeDirectory(ScriptedPasswordDatabase("/home/jane")), "/home/jane");
-    const std::optional<std::string> real = PosixPasswordDatabase().homeDirectoryOfUser(::getuid());
-    ASSERT_TRUE(real.has_value());
-    EXPECT_EQ(DirectoryUtility::realHomeDirectory(PosixPasswordDatabase()), *real);
-    EXPECT_NE(*real, home.path().string());
-}
-
-TEST(RealHomeDirectoryTest, AUserWithoutAnEntryHasNoHomeFolderRatherThanAnEnd)
-{
-    EXPECT_EQ(DirectoryUtility::realHomeDirectory(ScriptedPasswordDatabase(std::nullopt)), std::nullopt);
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Helpers/Localizer.h"
-#include "app/iCloudPrefs.h"
-#include "engine/BackupStore.h"
+#include "platform/Localizer.h"
+#include "store/iCloudPrefs.h"
+#include "store/BackupStore.h"
 #include "platform/UserDefaults.h"
 #include "support/FakeRunningApplications.h"
 #include "support/RecordingFileManager.h"

@@ -1,4 +1,4 @@
-#include "Helpers/ByteCountFormatter.h"
+#include "platform/ByteCountFormatter.h"
 #include "engine/DirectoryCopier.h"
 #include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"

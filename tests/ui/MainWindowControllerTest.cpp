@@ -1,4 +1,4 @@
-#include "Helpers/ByteCountFormatter.h"
+#include "platform/ByteCountFormatter.h"
 #include "support/MainWindowFixture.h"
 
 #include <QAction>

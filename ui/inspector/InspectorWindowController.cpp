@@ -1,8 +1,8 @@
 #include "InspectorWindowController.h"
 
-#include "Helpers/ByteCountFormatter.h"
+#include "platform/ByteCountFormatter.h"
 #include "Helpers/DirectoryUtility.h"
-#include "Helpers/Localizer.h"
+#include "platform/Localizer.h"
 #include "engine/NotCopiedList.h"
 #include "operations/CopyOperation.h"
 #include "platform/FileManager.h"

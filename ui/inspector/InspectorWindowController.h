@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engine/BackupRecord.h"
+#include "store/BackupRecord.h"
 
 #include <QWidget>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include "BackupAlerts.h"
 
-#include "Helpers/Localizer.h"
-#include "app/iCloudPrefs.h"
+#include "platform/Localizer.h"
+#include "store/iCloudPrefs.h"
 #include "platform/AlertPresenter.h"
 
 #include <QLocale>

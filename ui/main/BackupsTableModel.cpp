@@ -1,16 +1,16 @@
 #include "BackupsTableModel.h"
 
-#include "ui/main/MainWindowController.h"
+#include <utility>
 
-BackupsTableModel::BackupsTableModel(const MainWindowController& controller, QObject* parent)
+BackupsTableModel::BackupsTableModel(Source source, QObject* parent)
     : QAbstractTableModel(parent)
-    , m_controller(controller)
+    , m_source(std::move(source))
 {
 }
 
 QString BackupsTableModel::columnIdentifier(int column)
 {
-    return column == 0 ? MainWindowController::kDateColumn : MainWindowController::kSizeColumn;
+    return column == 0 ? kDateColumn : kSizeColumn;
 }
 
 void BackupsTableModel::setHeaderTitle(int column, const QString& title)
@@ -27,7 +27,7 @@ void BackupsTableModel::reloadData()
 
 int BackupsTableModel::rowCount(const QModelIndex& parent) const
 {
-    return parent.isValid() ? 0 : m_controller.numberOfRowsInTableView();
+    return parent.isValid() ? 0 : m_source.numberOfRows();
 }
 
 int BackupsTableModel::columnCount(const QModelIndex& parent) const
@@ -43,7 +43,7 @@ QVariant BackupsTableModel::data(const QModelIndex& index, int role) const
         return QVariant(Qt::AlignRight | Qt::AlignVCenter);
     if (role != Qt::DisplayRole)
         return {};
-    return m_controller.objectValueForTableColumn(columnIdentifier(index.column()), index.row());
+    return m_source.objectValue(columnIdentifier(index.column()), index.row());
 }
 
 QVariant BackupsTableModel::headerData(int section, Qt::Orientation orientation, int role) const

@@ -2,16 +2,22 @@
 
 #include <QAbstractTableModel>
 #include <QStringList>
+#include <functional>
 
-class MainWindowController;
-
-// The backups table's rows, asked of the main window controller: row i is backup record i. The columns
-// are identified by "date" and "size"; their header titles are set by the controller.
+// The backups table's rows, asked of its owner through the source: row i is backup record i. The
+// columns are identified by "date" and "size"; their header titles are set by the owner.
 class BackupsTableModel : public QAbstractTableModel {
     Q_OBJECT
 
 public:
-    explicit BackupsTableModel(const MainWindowController& controller, QObject* parent = nullptr);
+    struct Source {
+        std::function<int()> numberOfRows;
+        std::function<QVariant(const QString& columnIdentifier, int row)> objectValue;
+    };
+    static inline const QString kDateColumn = QStringLiteral("date");
+    static inline const QString kSizeColumn = QStringLiteral("size");
+
+    explicit BackupsTableModel(Source source, QObject* parent = nullptr);
 
     static QString columnIdentifier(int column);
     void setHeaderTitle(int column, const QString& title);
@@ -23,6 +29,6 @@ public:
     QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
 
 private:
-    const MainWindowController& m_controller;
+    Source m_source;
     QStringList m_headerTitles{QString(), QString()};
 };

@@ -1,20 +1,21 @@
 #include "MainWindowController.h"
 
-#include "Helpers/ByteCountFormatter.h"
+#include "platform/ByteCountFormatter.h"
 #include "Helpers/CocoaAdditions.h"
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/ItemRemover.h"
-#include "Helpers/Localizer.h"
-#include "app/HomeFolderAcquisition.h"
-#include "app/iCloudPrefs.h"
-#include "engine/BackupRoot.h"
+#include "platform/Localizer.h"
+#include "ui/home/HomeFolderAcquisition.h"
+#include "store/iCloudPrefs.h"
+#include "store/BackupRoot.h"
 #include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
 #include "operations/Background.h"
 #include "operations/Logging.h"
 #include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
-#include "platform/BundleInfo.h"
+#include "platform/PasswordDatabase.h"
+#include "Helpers/BundleInfo.h"
 #include "platform/FileManager.h"
 #include "platform/FolderChooser.h"
 #include "platform/RunningApplications.h"
@@ -77,7 +78,10 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
 {
     m_ui->setupUi(this);
     m_progressUi->setupUi(m_operationProgressWindow.get());
-    m_tableModel = new BackupsTableModel(*this, this);
+    m_tableModel = new BackupsTableModel(
+        {.numberOfRows = [this] { return numberOfRowsInTableView(); },
+         .objectValue = [this](const QString& column, int row) { return objectValueForTableColumn(column, row); }},
+        this);
     m_ui->backupsTable->setModel(m_tableModel);
     m_tableViewPlaceholderLabel = new QLabel(m_ui->backupsTable->viewport());
     m_tableViewPlaceholderLabel->setAlignment(Qt::AlignCenter);
@@ -229,11 +233,11 @@ QVariant MainWindowController::objectValueForTableColumn(const QString& identifi
     if (row < 0 || row >= m_backups.count() || !m_backups.at(row))
         return {};
     const BackupRecordRef& record = m_backups.at(row);
-    if (identifier == kDateColumn) {
+    if (identifier == BackupsTableModel::kDateColumn) {
         const std::optional<QDateTime> date = record->backupDate();
         return date ? shortDateTime(*date) : QString();
     }
-    if (identifier == kSizeColumn) {
+    if (identifier == BackupsTableModel::kSizeColumn) {
         // Read as an unsigned count of bytes, whatever sign was stored.
         const auto size = static_cast<std::uint64_t>(record->backupSize().value_or(0));
         return ByteCountFormatter::stringFromByteCount(size);
@@ -410,7 +414,7 @@ void MainWindowController::backUpNow()
 bool MainWindowController::askForHomeDirectory()
 {
     const std::optional<QString> chosen = m_services.folderChooser.chooseFolder(localized("openPanelTitle"));
-    const std::optional<std::string> realHome = DirectoryUtility::realHomeDirectory(m_services.passwords);
+    const std::optional<std::string> realHome = m_services.passwords.realHomeDirectory();
     if (!chosen || !realHome || *chosen != QFile::decodeName(realHome->c_str())) {
         runBadHomeDirectoryAlert();
         return false;
@@ -434,9 +438,9 @@ void MainWindowController::useHomeDirectory(const QString& home)
 void MainWindowController::showQuitAppsRequest(int tag, const char* windowTitleKey, const char* buttonTitleKey)
 {
     if (!m_quitAppsController)
-        m_quitAppsController = std::make_unique<QuitAppsRequestWindowController>(
-            *this, m_services.runningApplications, m_services.quitAppsCheckInterval, this);
+        m_quitAppsController = makeQuitAppsRequest();
     QuitAppsRequestWindowController& request = *m_quitAppsController;
+    request.setMobileDocumentsDirectory(m_mobileDocumentsDirectory);
     request.showWindow();
     request.setWindowTitle(localized(windowTitleKey));
     const QString buttonTitle = localized(buttonTitleKey);
@@ -446,6 +450,25 @@ void MainWindowController::showQuitAppsRequest(int tag, const char* windowTitleK
     QuitAppsRequestWindowController::setTag(request.backUpNowOrRestoreBtn(), tag);
     request.reloadTable();
     request.scheduleCheckAppsStateTimer();
+}
+
+std::unique_ptr<QuitAppsRequestWindowController> MainWindowController::makeQuitAppsRequest()
+{
+    auto request = std::make_unique<QuitAppsRequestWindowController>(m_services.runningApplications,
+                                                                     m_services.quitAppsCheckInterval, this);
+    connect(request.get(), &QuitAppsRequestWindowController::operationMayStart, this, [this](int tag) {
+        if (tag == QuitAppsRequestWindowController::kRestoreTag)
+            performAction(Action::RestoreFromBackup);
+        else
+            backUpNow();
+    });
+    connect(request.get(), &QuitAppsRequestWindowController::operationGivenUp, this, [this](int tag) {
+        if (tag == QuitAppsRequestWindowController::kRestoreTag)
+            setICloudBeingRestored(false);
+        else
+            setICloudBackingUp(false);
+    });
+    return request;
 }
 
 void MainWindowController::beginBackUp()

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engine/BackupStore.h"
+#include "store/BackupStore.h"
 #include "operations/BackupOperation.h"
 #include "operations/RestoreOperation.h"
 #include "ui/main/CustomTableView.h"
@@ -68,8 +68,6 @@ public:
         std::function<QDateTime()> now = {};
     };
 
-    static inline const QString kDateColumn = QStringLiteral("date");
-    static inline const QString kSizeColumn = QStringLiteral("size");
     // What the platform's user-interface library reports as its version: later than 10.9's (1265).
     static constexpr double kUserInterfaceLibraryVersion = 2299.0;
     // How long quitting waits for the copier to leave a backup folder before removing it: the whole quit
@@ -204,6 +202,7 @@ private:
     bool askForHomeDirectory();
     void useHomeDirectory(const QString& home);
     void showQuitAppsRequest(int tag, const char* windowTitleKey, const char* buttonTitleKey);
+    std::unique_ptr<QuitAppsRequestWindowController> makeQuitAppsRequest();
     void beginBackUp();
     void showProgressWindow(const char* titleKey, const char* infoKey, const QWidget* centerOver);
     void centerProgressWindow(const QWidget* over);

@@ -2,7 +2,6 @@
 
 #include "platform/RunningApplications.h"
 #include "ui/main/AppsUsingiCloud.h"
-#include "ui/main/MainWindowController.h"
 #include "ui_QuitAppsRequestWindowController.h"
 
 #include <QApplication>
@@ -12,12 +11,10 @@ namespace {
 const char* const kTagProperty = "pelmoraTag";
 }
 
-QuitAppsRequestWindowController::QuitAppsRequestWindowController(MainWindowController& mainWindowController,
-                                                                 RunningApplications& runningApplications,
+QuitAppsRequestWindowController::QuitAppsRequestWindowController(RunningApplications& runningApplications,
                                                                  std::chrono::milliseconds checkInterval,
                                                                  QWidget* parent)
     : QDialog(parent)
-    , m_mainWindowController(mainWindowController)
     , m_runningApplications(runningApplications)
     , m_checkInterval(checkInterval)
     , m_ui(std::make_unique<Ui::QuitAppsRequestWindowController>())
@@ -52,7 +49,7 @@ void QuitAppsRequestWindowController::detectAppsToQuit()
 {
     m_appsToQuit.clear();
     const QList<RunningApplication> found =
-        AppsUsingiCloud::detect(m_runningApplications, m_mainWindowController.mobileDocumentsDirectory());
+        AppsUsingiCloud::detect(m_runningApplications, m_mobileDocumentsDirectory);
     for (const RunningApplication& application : found)
         m_appsToQuit.append(AppEntry{application.localizedName, application.processIdentifier, application.icon});
 }
@@ -121,10 +118,7 @@ void QuitAppsRequestWindowController::backUpNowOrRestore(QPushButton* sender)
     hide();
     bringThisApplicationToFront();
     // The busy flag stays as it is: the command sets it again itself.
-    if (tagOf(sender) != kBackUpTag)
-        m_mainWindowController.performAction(MainWindowController::Action::RestoreFromBackup);
-    else
-        m_mainWindowController.backUpNow();
+    emit operationMayStart(tagOf(sender));
 }
 
 void QuitAppsRequestWindowController::cancelBtnAction()
@@ -142,16 +136,8 @@ void QuitAppsRequestWindowController::reject()
 
 void QuitAppsRequestWindowController::windowWillClose()
 {
-    clearBusyFlagOfTag();
     stopCheckAppsStateTimer();
-}
-
-void QuitAppsRequestWindowController::clearBusyFlagOfTag()
-{
-    if (tagOf(m_ui->backUpNowOrRestoreBtn) != kBackUpTag)
-        m_mainWindowController.setICloudBeingRestored(false);
-    else
-        m_mainWindowController.setICloudBackingUp(false);
+    emit operationGivenUp(tagOf(m_ui->backUpNowOrRestoreBtn));
 }
 
 void QuitAppsRequestWindowController::stopCheckAppsStateTimer()
@@ -180,7 +166,8 @@ void QuitAppsRequestWindowController::bringThisApplicationToFront()
         if (window->isVisible())
             window->raise();
     }
-    m_mainWindowController.activateWindow();
+    if (QWidget* owner = parentWidget())
+        owner->activateWindow();
 }
 
 int QuitAppsRequestWindowController::tagOf(const QPushButton* button)

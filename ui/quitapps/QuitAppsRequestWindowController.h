@@ -5,9 +5,9 @@
 #include <QList>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <sys/types.h>
 
-class MainWindowController;
 class QPushButton;
 class QLabel;
 class QTableWidget;
@@ -19,9 +19,10 @@ class QuitAppsRequestWindowController;
 }
 
 // Lists the running applications that use the iCloud folder and asks the user to quit them. Once a
-// second it checks them by process id; when the last one is gone it hides and starts the pending back
-// up (tag 0) or restore (tag 1) again from the top, though never under an alert or another modal
-// window. Cancel, Escape or closing the window gives the operation up.
+// second it checks them by process id; when the last one is gone it hides and asks its owner, through
+// operationMayStart, to start the pending back up (tag 0) or restore (tag 1) again from the top, though
+// never under an alert or another modal window. Cancel, Escape or closing the window gives the
+// operation up (operationGivenUp).
 class QuitAppsRequestWindowController : public QDialog {
     Q_OBJECT
 
@@ -34,10 +35,12 @@ public:
     static constexpr int kBackUpTag = 0;
     static constexpr int kRestoreTag = 1;
 
-    QuitAppsRequestWindowController(MainWindowController& mainWindowController,
-                                    RunningApplications& runningApplications,
+    QuitAppsRequestWindowController(RunningApplications& runningApplications,
                                     std::chrono::milliseconds checkInterval, QWidget* parent = nullptr);
     ~QuitAppsRequestWindowController() override;
+
+    // The folder whose users are listed; set before the window is shown.
+    void setMobileDocumentsDirectory(const std::optional<QString>& path) { m_mobileDocumentsDirectory = path; }
 
     void showWindow();
     void detectAppsToQuit();
@@ -65,17 +68,20 @@ public:
     // Escape, the title bar's close button and close() all end here, as Cancel does.
     void reject() override;
 
+signals:
+    void operationMayStart(int tag);
+    void operationGivenUp(int tag);
+
 private:
     void windowDidLoad();
     void windowWillClose();
     void showEntries();
-    void clearBusyFlagOfTag();
     void stopCheckAppsStateTimer();
     void bringThisApplicationToFront();
 
-    MainWindowController& m_mainWindowController;
     RunningApplications& m_runningApplications;
     std::chrono::milliseconds m_checkInterval;
+    std::optional<QString> m_mobileDocumentsDirectory;
     std::unique_ptr<Ui::QuitAppsRequestWindowController> m_ui;
     QList<AppEntry> m_appsToQuit;
     std::unique_ptr<QTimer> m_checkAppsStateTimer;

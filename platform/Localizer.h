@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/BundleInfo.h"
+#include "Helpers/BundleInfo.h"
 
 #include <QString>
 #include <QStringList>

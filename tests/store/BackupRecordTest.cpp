@@ -1,4 +1,4 @@
-#include "engine/BackupRecord.h"
+#include "store/BackupRecord.h"
 
 #include <QTimeZone>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "engine/BackupRoot.h"
+#include "store/BackupRoot.h"
 #include "support/TestHome.h"
 
 #include <QDir>

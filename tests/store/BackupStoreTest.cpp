@@ -1,5 +1,5 @@
-#include "app/iCloudPrefs.h"
-#include "engine/BackupStore.h"
+#include "store/iCloudPrefs.h"
+#include "store/BackupStore.h"
 #include "platform/UserDefaults.h"
 #include "support/TestHome.h"
 

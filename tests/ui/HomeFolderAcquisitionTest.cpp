@@ -1,4 +1,4 @@
-#include "app/HomeFolderAcquisition.h"
+#include "ui/home/HomeFolderAcquisition.h"
 #include "platform/Bookmark.h"
 #include "support/MainWindowFixture.h"
 

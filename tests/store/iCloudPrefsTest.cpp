@@ -1,4 +1,4 @@
-#include "app/iCloudPrefs.h"
+#include "store/iCloudPrefs.h"
 #include "platform/UserDefaults.h"
 #include "support/TestHome.h"
 

@@ -1,4 +1,4 @@
-#include "Helpers/Localizer.h"
+#include "platform/Localizer.h"
 #include "support/EventLoop.h"
 #include "support/QtPrinters.h"
 

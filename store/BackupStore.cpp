@@ -1,6 +1,6 @@
 #include "BackupStore.h"
 
-#include "app/iCloudPrefs.h"
+#include "store/iCloudPrefs.h"
 #include "platform/UserDefaults.h"
 
 BackupStore::BackupStore(UserDefaults& defaults)

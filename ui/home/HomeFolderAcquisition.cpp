@@ -1,9 +1,10 @@
 #include "HomeFolderAcquisition.h"
 
 #include "Helpers/DirectoryUtility.h"
-#include "Helpers/Localizer.h"
-#include "app/iCloudPrefs.h"
+#include "platform/Localizer.h"
+#include "store/iCloudPrefs.h"
 #include "platform/Bookmark.h"
+#include "platform/PasswordDatabase.h"
 #include "platform/FolderChooser.h"
 #include "platform/UserDefaults.h"
 
@@ -49,7 +50,7 @@ HomeFolderOutcome HomeFolderAcquisition::askOnFirstLaunch()
         m_chooser.chooseFolder(Localizer::localizedStringForKey(QStringLiteral("openPanelTitle")));
     if (!chosen)
         return {};
-    const std::optional<std::string> realHome = DirectoryUtility::realHomeDirectory(m_passwords);
+    const std::optional<std::string> realHome = m_passwords.realHomeDirectory();
     if (!realHome || *chosen != QFile::decodeName(realHome->c_str()))
         return HomeFolderOutcome{std::nullopt, true};
     storeBookmark(*chosen);

@@ -1,6 +1,6 @@
 #include "BackupRoot.h"
 
-#include "platform/BundleInfo.h"
+#include "Helpers/BundleInfo.h"
 
 #include <QDir>
 #include <QFile>
