@@ -17,7 +17,7 @@ inline constexpr std::uint32_t kNone = 0x00000000;
 inline constexpr std::uint32_t kMustScanSubDirs = 0x00000001; // events were lost: rescan the whole path
 inline constexpr std::uint32_t kUserDropped = 0x00000002;
 inline constexpr std::uint32_t kKernelDropped = 0x00000004;   // the kernel's queue overflowed
-inline constexpr std::uint32_t kRootChanged = 0x00000020;     // a watched root itself was moved or deleted
+inline constexpr std::uint32_t kRootChanged = 0x00000020;     // a root left its path, or a folder came there
 } // namespace EventStreamFlags
 
 struct StreamEvent {
@@ -35,6 +35,9 @@ struct StreamEvent {
 // → release (destruction).
 //
 // - Only "since now" is supported as since-when: the platform keeps no history of past changes.
+// - A root is its path, not one folder: missing at the start, deleted, moved away or replaced, it is
+//   watched again, whole, as soon as a folder is at that path. Its going and its coming are each
+//   reported for the root with kRootChanged.
 // - Changes are coalesced per folder for at most the latency, then delivered as one batch.
 // - After stop() returns, the callback is never called again.
 class EventStream {
@@ -50,7 +53,8 @@ public:
 
     virtual void scheduleWithThread(QThread* thread) = 0;
     virtual void unscheduleFromThread(QThread* thread) = 0;
-    // Starts watching; every watch is in place when it returns. False when it could not start.
+    // Starts watching; every watch is in place when it returns, a missing root being waited for. False
+    // when it could not start.
     virtual bool start() = 0;
     virtual void stop() = 0;
     virtual void invalidate() = 0;

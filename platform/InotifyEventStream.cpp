@@ -1,17 +1,25 @@
 #include "InotifyEventStream.h"
 
 #include <QFile>
+#include <QLoggingCategory>
 #include <QObject>
 #include <QSocketNotifier>
 #include <QThread>
+#include <QTimer>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
+
+// Off by default, like the program's other categories: QT_LOGGING_RULES="pelmora.*.info=true" shows it.
+Q_LOGGING_CATEGORY(lcWatch, "pelmora.watch", QtWarningMsg)
 
 constexpr std::uint32_t kContentEvents
     = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE;
@@ -22,6 +30,9 @@ constexpr std::uint32_t kWatchMask
 constexpr std::size_t kReadBufferSize = 64 * 1024;
 // A storm of events must not starve the rest of the loop: the notifier comes back for the remainder.
 constexpr int kReadsPerWakeUp = 16;
+// Following a root down to where it is again takes one round per name that appears; a path that keeps
+// changing under the stream gets no more than this at once, and is taken up again at its next event.
+constexpr int kFollowRounds = 64;
 
 std::string childPath(const std::string& folder, const char* name)
 {
@@ -39,6 +50,23 @@ std::string childPath(const std::string& folder, const char* name)
 bool meansFolderGone(int error)
 {
     return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ESTALE;
+}
+
+std::string parentOf(const std::string& path)
+{
+    const std::size_t cut = path.rfind('/');
+    return cut == 0 || cut == std::string::npos ? std::string("/") : path.substr(0, cut);
+}
+
+bool isFolder(const std::string& path)
+{
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+QString qtPath(const std::string& path)
+{
+    return QFile::decodeName(QByteArray::fromStdString(path));
 }
 
 QString reasonText(int error)
@@ -74,10 +102,13 @@ InotifyEventStream::InotifyEventStream(int fd, const QStringList& paths, double 
     : ScheduledEventStream(paths, latencySeconds, std::move(callback))
     , m_fd(fd)
     , m_limits(limits)
+    , m_pollInterval(limits.pollInterval.count() > 0
+                         ? limits.pollInterval
+                         : PollingEventStream::intervalForLatency(latencySeconds))
     , m_buffer(kReadBufferSize)
 {
     for (const std::string& path : rootPaths())
-        m_roots.push_back(Root{path, -1});
+        m_roots.push_back(Root{path});
 }
 
 InotifyEventStream::~InotifyEventStream()
@@ -95,8 +126,9 @@ bool InotifyEventStream::beginWatching()
     m_unwatchedExample.clear();
     watchRoots();
     enableNotifier();
+    // A root that is missing is waited for: only one that can be neither watched nor waited for fails.
     for (const Root& root : m_roots) {
-        if (root.wd >= 0)
+        if (isPresent(root) || root.ancestorWd >= 0 || root.lookedForByPoll)
             return true;
     }
     return false;
@@ -108,8 +140,18 @@ void InotifyEventStream::endWatching()
     for (const auto& [wd, path] : m_folders)
         ::inotify_rm_watch(m_fd, wd);
     m_folders.clear();
-    for (Root& root : m_roots)
+    for (Root& root : m_roots) {
         root.wd = -1;
+        root.lookedForByPoll = false;
+        releaseAncestor(root);
+    }
+    m_polledTrees.clear();
+    m_newlyPolled.clear();
+    m_polled.clear();
+    onLoopThread([this] {
+        if (m_pollTimer)
+            m_pollTimer->stop();
+    });
 }
 
 void InotifyEventStream::collectChanges()
@@ -120,9 +162,10 @@ void InotifyEventStream::collectChanges()
         if (got < 0 && errno == EINTR)
             continue;
         if (got <= 0)
-            return;
+            break;
         handleEvents(static_cast<std::size_t>(got));
     }
+    pollFolders(true);
 }
 
 void InotifyEventStream::loopDetached()
@@ -130,6 +173,9 @@ void InotifyEventStream::loopDetached()
     if (m_notifier && m_notifier->thread() == QThread::currentThread())
         m_notifier->setEnabled(false);
     m_notifier = nullptr;
+    if (m_pollTimer && m_pollTimer->thread() == QThread::currentThread())
+        m_pollTimer->stop();
+    m_pollTimer = nullptr;
 }
 
 QString InotifyEventStream::backendName() const
@@ -139,22 +185,45 @@ QString InotifyEventStream::backendName() const
 
 QString InotifyEventStream::coverageDescription() const
 {
-    const QString watched = QStringLiteral("%1 folders watched").arg(m_folders.size());
+    QString text = QStringLiteral("%1 folders watched").arg(m_folders.size());
+    if (!m_polledTrees.empty()) {
+        text += QStringLiteral("; %1 folders not watched by inotify but polled every %2 ms (one of them: "
+                               "\"%3\"): %4")
+                    .arg(m_polled.folderCount())
+                    .arg(m_pollInterval.count())
+                    .arg(qtPath(*m_polledTrees.begin()), reasonText(ENOSPC));
+        const QString unreadable = m_polled.unreadableDescription();
+        if (!unreadable.isEmpty())
+            text += QStringLiteral("; polled, ") + unreadable;
+    }
+    for (const Root& root : m_roots) {
+        if (root.ancestorWd >= 0)
+            text += QStringLiteral("; \"%1\" is missing, waited for in \"%2\"")
+                        .arg(qtPath(root.path), qtPath(root.ancestor));
+        else if (root.lookedForByPoll)
+            text += QStringLiteral("; \"%1\" is missing, looked for every %2 ms: %3")
+                        .arg(qtPath(root.path))
+                        .arg(m_pollInterval.count())
+                        .arg(reasonText(ENOSPC));
+    }
     if (m_unwatchedFolders == 0)
-        return watched;
-    const QString example = QFile::decodeName(QByteArray::fromStdString(m_unwatchedExample));
-    return watched
+        return text;
+    return text
            + QStringLiteral("; %1 folders not watched (one of them: \"%2\"): %3")
                  .arg(m_unwatchedFolders)
-                 .arg(example, reasonText(m_unwatchedError));
+                 .arg(qtPath(m_unwatchedExample), reasonText(m_unwatchedError));
 }
 
 bool InotifyEventStream::enterFolder(int fd, const std::string& path)
 {
-    addWatch(fd, path);
     m_folderHasEntries = false;
-    // Folders that could not be watched are still walked, so that the description can count them.
-    return true;
+    const int error = addWatch(fd, path);
+    if (error != ENOSPC)
+        return true; // walked even without a watch, so that the description can count what is not
+    // Out of watches: the folder and everything under it are polled instead. The poll walks them itself.
+    if (!isPolled(path))
+        m_newlyPolled.push_back(path);
+    return false;
 }
 
 void InotifyEventStream::visitEntry(int, const char*, unsigned char)
@@ -230,8 +299,16 @@ void InotifyEventStream::handleEvent(const inotify_event& event)
     }
     if (event.mask & IN_IGNORED) {
         forgetWatch(event.wd);
+        // The folder a missing root was waited for in is gone, or its watch went with a tree: look again.
+        for (Root& root : m_roots) {
+            if (root.ancestorWd == event.wd) {
+                root.ancestorWd = -1;
+                followRoot(root, true);
+            }
+        }
         return;
     }
+    handleAncestorEvent(event);
     if (!m_folders.count(event.wd))
         return;
     if (event.mask & kSelfEvents) {
@@ -242,6 +319,20 @@ void InotifyEventStream::handleEvent(const inotify_event& event)
         return;
     }
     handleEntryEvent(event.wd, event);
+}
+
+void InotifyEventStream::handleAncestorEvent(const inotify_event& event)
+{
+    for (Root& root : m_roots) {
+        if (root.ancestorWd != event.wd)
+            continue;
+        // The folder waited in went itself (a root is then looked for from further up), or the name
+        // waited for came.
+        const bool arrived = (event.mask & (IN_CREATE | IN_MOVED_TO)) && event.len != 0
+                             && root.awaitedName == event.name;
+        if (arrived || (event.mask & kSelfEvents))
+            followRoot(root, true);
+    }
 }
 
 void InotifyEventStream::handleEntryEvent(int wd, const inotify_event& event)
@@ -272,6 +363,7 @@ void InotifyEventStream::handleOverflow()
     m_visitedWatches = &visited;
     m_unwatchedFolders = 0;
     m_unwatchedExample.clear();
+    // Polled trees lost no events: they stay as they are.
     watchRoots();
     m_visitedWatches = nullptr;
     std::vector<int> unvisited;
@@ -282,38 +374,138 @@ void InotifyEventStream::handleOverflow()
     dropWatches(unvisited);
 }
 
-void InotifyEventStream::watchTree(const std::string& path, bool rescan)
+void InotifyEventStream::watchTree(const std::string& path, bool rescan, bool followRootLink)
 {
     m_rescanning = rescan;
-    FolderWalk::walk(path, *this, false);
+    m_lastFolderError = 0;
+    FolderWalk::walk(path, *this, followRootLink);
     m_rescanning = false;
+    pollNewFolders(rescan);
 }
 
-// A link at a root is followed: the user named that path and means what it leads to.
 void InotifyEventStream::watchRoots()
 {
-    for (Root& root : m_roots) {
-        const bool wasWatched = root.wd >= 0;
-        root.wd = -1;
-        m_lastFolderError = 0;
-        const bool opened = FolderWalk::walk(root.path, *this, true);
-        const auto indexed = m_watchByPath.find(root.path);
-        // A missing sub-folder is simply gone; a missing root is a tree nobody watches.
-        if (indexed != m_watchByPath.end())
-            root.wd = indexed->second;
-        else if (!opened && meansFolderGone(m_lastFolderError))
-            noteUnwatched(root.path, m_lastFolderError);
-        if (wasWatched && root.wd < 0)
-            noteChange(root.path, EventStreamFlags::kRootChanged);
-    }
+    for (Root& root : m_roots)
+        followRoot(root, false);
 }
 
-bool InotifyEventStream::addWatch(int fd, const std::string& path)
+// A link at a root is followed: the user named that path and means what it leads to. Whatever is at the
+// path now is watched; when nothing is, the root is waited for. A root that was there and is not, or the
+// other way round, has changed.
+void InotifyEventStream::followRoot(Root& root, bool rescan)
 {
-    if (m_limits.maxWatches != 0 && m_folders.size() >= m_limits.maxWatches && !m_watchByPath.count(path)) {
-        noteUnwatched(path, ENOSPC);
-        return false;
+    const bool wasPresent = isPresent(root);
+    int awaitError = 0;
+    for (int round = 0; round < kFollowRounds; ++round) {
+        watchTree(root.path, rescan, true);
+        const auto indexed = m_watchByPath.find(root.path);
+        root.wd = indexed != m_watchByPath.end() ? indexed->second : -1;
+        if (isPresent(root)) {
+            releaseAncestor(root);
+            break;
+        }
+        // A root that is there but cannot be read is not waited for: nothing would say when it can be.
+        if (!meansFolderGone(m_lastFolderError) || (awaitError = awaitRoot(root)) != 0)
+            break;
+        // The name waited for may have come between the walk and the watch, which would not see it.
+        if (!isFolder(root.ancestor + (root.ancestor == "/" ? "" : "/") + root.awaitedName))
+            break;
     }
+    // Out of watches even for the folder above: the poll that covers the folders beyond the limit looks.
+    root.lookedForByPoll = !isPresent(root) && awaitError == ENOSPC;
+    if (root.lookedForByPoll)
+        startPollTimer();
+    if (wasPresent != isPresent(root))
+        noteChange(root.path, EventStreamFlags::kRootChanged);
+}
+
+// Watches the nearest folder above the root that exists, for the next name on the way down to appear;
+// 0, or why no folder above could be watched. The watch has the mask of every other, so that sharing it
+// with a watched tree changes nothing there.
+int InotifyEventStream::awaitRoot(Root& root)
+{
+    std::string below = root.path;
+    int error = ENOENT;
+    while (below != "/") {
+        const std::string folder = parentOf(below);
+        const bool held = m_watchByPath.count(folder) != 0
+                          || std::any_of(m_roots.begin(), m_roots.end(),
+                                         [&](const Root& other) { return other.ancestor == folder; });
+        int wd = -1;
+        if (atWatchLimit() && !held) {
+            errno = ENOSPC;
+        } else if (folder.size() < PATH_MAX) {
+            wd = ::inotify_add_watch(m_fd, folder.c_str(), kWatchMask);
+        } else if (const int fd = FolderWalk::openFolder(folder, true); fd >= 0) {
+            char procPath[48];
+            std::snprintf(procPath, sizeof procPath, "/proc/self/fd/%d", fd);
+            wd = ::inotify_add_watch(m_fd, procPath, kWatchMask);
+            const int watchError = errno;
+            ::close(fd);
+            errno = watchError;
+        }
+        if (wd >= 0) {
+            if (wd != root.ancestorWd)
+                releaseAncestor(root);
+            root.ancestorWd = wd;
+            root.ancestor = folder;
+            root.awaitedName = below.substr(folder == "/" ? 1 : folder.size() + 1);
+            return 0;
+        }
+        error = errno;
+        if (!meansFolderGone(error)) {
+            if (error != ENOSPC)
+                noteUnwatched(folder, error);
+            break;
+        }
+        below = folder;
+    }
+    releaseAncestor(root);
+    return error;
+}
+
+bool InotifyEventStream::atWatchLimit() const
+{
+    if (m_limits.maxWatches == 0)
+        return false;
+    std::size_t held = m_folders.size();
+    for (std::size_t i = 0; i < m_roots.size(); ++i) {
+        const int wd = m_roots[i].ancestorWd;
+        const auto sharedBefore = [&] {
+            return std::any_of(m_roots.begin(), m_roots.begin() + static_cast<std::ptrdiff_t>(i),
+                               [&](const Root& other) { return other.ancestorWd == wd; });
+        };
+        if (wd >= 0 && !m_folders.count(wd) && !sharedBefore())
+            ++held;
+    }
+    return held >= m_limits.maxWatches;
+}
+
+void InotifyEventStream::releaseAncestor(Root& root)
+{
+    const int wd = std::exchange(root.ancestorWd, -1);
+    root.ancestor.clear();
+    root.awaitedName.clear();
+    // Still needed when it also watches a folder of a tree, or another root waits there too.
+    if (wd < 0 || m_folders.count(wd))
+        return;
+    for (const Root& other : m_roots) {
+        if (other.ancestorWd == wd)
+            return;
+    }
+    ::inotify_rm_watch(m_fd, wd);
+}
+
+bool InotifyEventStream::isPresent(const Root& root) const
+{
+    return root.wd >= 0 || m_polledTrees.count(root.path) != 0;
+}
+
+// 0 when the folder is watched, else why not.
+int InotifyEventStream::addWatch(int fd, const std::string& path)
+{
+    if (atWatchLimit() && !m_watchByPath.count(path))
+        return ENOSPC;
     char procPath[48];
     std::snprintf(procPath, sizeof procPath, "/proc/self/fd/%d", fd);
     // The descriptor was opened without following any link, so its /proc entry (itself a link, hence
@@ -322,13 +514,15 @@ bool InotifyEventStream::addWatch(int fd, const std::string& path)
     if (wd < 0 && errno == ENOENT && path.size() < PATH_MAX)
         wd = ::inotify_add_watch(m_fd, path.c_str(), kWatchMask | IN_DONT_FOLLOW); // no /proc mounted
     if (wd < 0) {
-        noteUnwatched(path, errno);
-        return false;
+        const int error = errno;
+        if (error != ENOSPC)
+            noteUnwatched(path, error);
+        return error;
     }
     rememberWatch(wd, path);
     if (m_visitedWatches)
         m_visitedWatches->insert(wd);
-    return true;
+    return 0;
 }
 
 void InotifyEventStream::rememberWatch(int wd, const std::string& path)
@@ -373,6 +567,15 @@ void InotifyEventStream::dropSubtree(const std::string& path)
     for (auto it = m_watchByPath.lower_bound(low); it != m_watchByPath.end() && it->first < high; ++it)
         wds.push_back(it->second);
     dropWatches(wds);
+    const auto polledEnd = m_polledTrees.lower_bound(high);
+    for (auto it = m_polledTrees.lower_bound(path); it != polledEnd;) {
+        if (*it == path || it->starts_with(low)) {
+            m_polled.forget(*it);
+            it = m_polledTrees.erase(it);
+        } else {
+            ++it;
+        }
+    }
 }
 
 void InotifyEventStream::dropWatches(const std::vector<int>& wds)
@@ -402,9 +605,94 @@ int InotifyEventStream::rootIndexForWatch(int wd) const
 }
 
 // Whatever is under the root now lives elsewhere or nowhere: its watches would only report stale paths.
+// Then the root is followed to what is at its path now, if anything.
 void InotifyEventStream::rootChanged(Root& root)
 {
     noteChange(root.path, EventStreamFlags::kRootChanged);
     dropSubtree(root.path);
     root.wd = -1;
+    followRoot(root, true);
+}
+
+bool InotifyEventStream::isPolled(const std::string& path) const
+{
+    for (std::string folder = path;; folder = parentOf(folder)) {
+        if (m_polledTrees.count(folder))
+            return true;
+        if (folder == "/")
+            return false;
+    }
+}
+
+// The trees the walk just met without watches to spare get their first signatures. On a rescan the
+// folders in them that hold something are reported, as the walk reports the watched ones.
+void InotifyEventStream::pollNewFolders(bool report)
+{
+    if (m_newlyPolled.empty())
+        return;
+    for (const std::string& tree : std::exchange(m_newlyPolled, {})) {
+        m_polledTrees.insert(tree);
+        m_polled.add(tree, report ? PollingEventStream::Snapshot::Changed(
+                                        [this](const std::string& folder) { noteChange(folder); })
+                                  : PollingEventStream::Snapshot::Changed());
+    }
+    startPollTimer();
+    if (!std::exchange(m_pollingLogged, true))
+        qCInfo(lcWatch).noquote()
+            << QStringLiteral("Out of inotify watches (%1 held): %2 folders are polled every %3 ms instead, "
+                              "starting with \"%4\"")
+                   .arg(m_folders.size())
+                   .arg(m_polled.folderCount())
+                   .arg(m_pollInterval.count())
+                   .arg(qtPath(*m_polledTrees.begin()));
+}
+
+// Trees polled whose top folder is gone are let go: the folder that held them reports it. A polled root
+// that is gone has changed, and is followed.
+void InotifyEventStream::pollFolders(bool report)
+{
+    if (m_polledTrees.empty())
+        return;
+    std::vector<std::string> gone;
+    m_polled.begin(report ? PollingEventStream::Snapshot::Changed(
+                                [this](const std::string& folder) { noteChange(folder); })
+                          : PollingEventStream::Snapshot::Changed());
+    for (const std::string& tree : m_polledTrees) {
+        if (meansFolderGone(m_polled.scan(tree, false)))
+            gone.push_back(tree);
+    }
+    m_polled.finish();
+    for (const std::string& tree : gone)
+        m_polledTrees.erase(tree);
+    for (Root& root : m_roots) {
+        if (std::find(gone.begin(), gone.end(), root.path) != gone.end()) {
+            noteChange(root.path, EventStreamFlags::kRootChanged);
+            followRoot(root, true);
+        }
+    }
+}
+
+void InotifyEventStream::startPollTimer()
+{
+    onLoopThread([this] {
+        if (!m_pollTimer) {
+            m_pollTimer = new QTimer(loopContext());
+            QObject::connect(m_pollTimer, &QTimer::timeout, loopContext(), guarded([this] { pollTick(); }));
+        }
+        if (!m_pollTimer->isActive())
+            m_pollTimer->start(m_pollInterval);
+    });
+}
+
+// What a poll finds is delivered at once, as the polling stream does: it is late enough already.
+void InotifyEventStream::pollTick()
+{
+    if (!isRunning())
+        return;
+    for (Root& root : m_roots) {
+        if (root.lookedForByPoll)
+            followRoot(root, true);
+    }
+    pollFolders(true);
+    deliverPending();
 }

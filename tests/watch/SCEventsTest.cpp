@@ -177,18 +177,26 @@ TEST(SCEventTest, DescribesItselfWithASignedIdAndAnUnsignedFlagWord)
 }
 
 // With the platform's own stream: a change under the watched folder reaches the listener as the changed
-// folder's path, on the thread the stream was scheduled on.
+// folder's path, on the thread the stream was scheduled on; a folder that is made only after the start is
+// followed from its making on, which comes as a root change.
 TEST(SCEventsOnTheRealStreamTest, ChangesArriveAsFolderPathsOnTheSchedulingThread)
 {
     TestHome home;
     const QString folder = QString::fromStdString((home.path() / "watched").string());
-    TreeBuilder::makeFolder(home.path() / "watched" / "sub");
     RecordingListener listener;
     SCEvents watcher;
     watcher.setDelegate(&listener);
     watcher.setNotificationLatency(0.05);
     ASSERT_TRUE(watcher.startWatchingPaths({folder}));
-    EXPECT_TRUE(watcher.streamDescription().value_or(QString()).contains(folder));
+    EXPECT_TRUE(watcher.streamDescription().value_or(QString()).contains(folder + "\" is missing"));
+
+    TreeBuilder::makeFolder(home.path() / "watched" / "sub");
+    ASSERT_TRUE(runEventLoopUntil([&] { return !listener.paths.empty(); }));
+    EXPECT_EQ(listener.paths.front(), folder);
+    EXPECT_EQ(listener.events.front()->eventFlags() & EventStreamFlags::kRootChanged,
+              EventStreamFlags::kRootChanged);
+    watcher.flushEventStreamSync();
+    listener.paths.clear();
 
     TreeBuilder::writeFile(home.path() / "watched" / "sub" / "new.txt", "x");
     ASSERT_TRUE(runEventLoopUntil([&] { return !listener.paths.empty(); }));
