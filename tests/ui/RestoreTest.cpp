@@ -154,22 +154,10 @@ TEST_F(RestoreTest, TooLittleSpaceAfterPruningStopsWithTheRestoreText)
 {
     writeFileOfSize(backupFolder() / "com~apple~CloudDocs" / "big.bin", 3 * 1024 * 1024);
     // The live folder on a volume of 1 MiB: the 3 MiB file cannot come back.
-    const fs::path live = iCloud();
-    const fs::path keep = home.path() / "live-before";
-    fs::rename(live, keep);
-    makeFolder(live);
-    if (::mount("tmpfs", live.c_str(), "tmpfs", 0, "size=1m") != 0) {
-        fs::remove(live);
-        fs::rename(keep, live);
+    if (!moveLiveOntoSmallVolume("1m"))
         GTEST_SKIP() << "cannot mount a small tmpfs here";
-    }
-    makeFolder(live / "com~apple~CloudDocs");
 
-    QSignalSpy finished(controller.get(), &MainWindowController::restoreFinished);
-    controller->restoreFromBackup();
-    const bool ended = runEventLoopUntil([&] { return finished.count() > 0; }, 20000);
-    ::umount(live.c_str());
-    ASSERT_TRUE(ended);
+    ASSERT_TRUE(restore());
     ASSERT_FALSE(alerts.shown.isEmpty());
     EXPECT_EQ(alerts.shown.last().informativeText, text("alertNotEnoughDiskSpaceToRestoreInfo"));
     EXPECT_FALSE(controller->isiCloudBeingRestored());
