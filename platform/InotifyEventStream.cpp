@@ -374,13 +374,15 @@ void InotifyEventStream::handleOverflow()
     dropWatches(unvisited);
 }
 
-void InotifyEventStream::watchTree(const std::string& path, bool rescan, bool followRootLink)
+// False when the top folder could not be opened.
+bool InotifyEventStream::watchTree(const std::string& path, bool rescan, bool followRootLink)
 {
     m_rescanning = rescan;
     m_lastFolderError = 0;
-    FolderWalk::walk(path, *this, followRootLink);
+    const bool opened = FolderWalk::walk(path, *this, followRootLink);
     m_rescanning = false;
     pollNewFolders(rescan);
+    return opened;
 }
 
 void InotifyEventStream::watchRoots()
@@ -397,9 +399,10 @@ void InotifyEventStream::followRoot(Root& root, bool rescan)
     const bool wasPresent = isPresent(root);
     int awaitError = 0;
     for (int round = 0; round < kFollowRounds; ++round) {
-        watchTree(root.path, rescan, true);
+        // A watch still indexed under the path of a root that is gone is stale (after an overflow).
+        const bool opened = watchTree(root.path, rescan, true);
         const auto indexed = m_watchByPath.find(root.path);
-        root.wd = indexed != m_watchByPath.end() ? indexed->second : -1;
+        root.wd = opened && indexed != m_watchByPath.end() ? indexed->second : -1;
         if (isPresent(root)) {
             releaseAncestor(root);
             break;

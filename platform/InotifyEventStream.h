@@ -83,7 +83,7 @@ private:
     void handleEvent(const inotify_event& event);
     void handleEntryEvent(int wd, const inotify_event& event);
     void handleOverflow();
-    void watchTree(const std::string& path, bool rescan, bool followRootLink = false);
+    bool watchTree(const std::string& path, bool rescan, bool followRootLink = false);
     void watchRoots();
     void followRoot(Root& root, bool rescan);
     int awaitRoot(Root& root);
