@@ -1,8 +1,8 @@
 #include "app/AppDelegate.h"
+#include "app/CommandLine.h"
 #include "app/GraphicalSession.h"
-#include "Helpers/ParallelWalk.h"
-#include "store/iCloudPrefs.h"
 #include "Helpers/BundleInfo.h"
+#include "Helpers/ParallelWalk.h"
 #include "platform/FreedesktopFileManager.h"
 #include "platform/MessageBoxAlertPresenter.h"
 #include "platform/PosixPasswordDatabase.h"
@@ -11,15 +11,39 @@
 #include "platform/SingleInstance.h"
 #include "platform/TerminationSignals.h"
 #include "platform/UserDefaults.h"
+#include "store/iCloudPrefs.h"
 
+#include <cstdio>
+#include <optional>
 #include <QApplication>
 #include <QSessionManager>
 #include <QThreadPool>
 #include <QTimer>
-#include <cstdio>
+
+namespace {
+
+// The exit status when this start is not the one to run.
+std::optional<int> claimOrEnd(SingleInstance& instance)
+{
+    switch (instance.claim()) {
+    case SingleInstance::Claim::Launch:
+        return std::nullopt;
+    case SingleInstance::Claim::HandedOver:
+        return 0;
+    case SingleInstance::Claim::AlreadyRunning:
+        break;
+    }
+    std::fprintf(stderr, "%s\n", qPrintable(instance.alreadyRunningMessage()));
+    return SingleInstance::kAlreadyRunningExitCode;
+}
+
+} // namespace
 
 int main(int argc, char* argv[])
 {
+    const CommandLine commandLine(CommandLine::argumentsOf(argc, argv));
+    if (commandLine.action() != CommandLine::Action::Run)
+        return commandLine.answerWithoutRunning();
     if (!GraphicalSession::seemsAvailable()) {
         std::fprintf(stderr, "%s\n", GraphicalSession::missingMessage());
         return GraphicalSession::kExitCode;
@@ -32,12 +56,13 @@ int main(int argc, char* argv[])
     // Closing the main window only hides it; quitting is a command of its own.
     QApplication::setQuitOnLastWindowClosed(false);
     // The parallel walks share the program's pool; a task it cannot start at once is the caller's share.
-    ParallelWalk::setStarter([](std::function<void()> task) { return QThreadPool::globalInstance()->tryStart(std::move(task)); });
+    ParallelWalk::setStarter(
+        [](std::function<void()> task) { return QThreadPool::globalInstance()->tryStart(std::move(task)); });
 
-    SingleInstance instance(SingleInstance::defaultName());
-    if (instance.handOverToRunningInstance())
-        return 0;
-    instance.listen();
+    // Before the preferences are opened: a second program must not even set an unreadable file aside.
+    SingleInstance instance(SingleInstance::standardPlaces());
+    if (const std::optional<int> exitCode = claimOrEnd(instance))
+        return *exitCode;
 
     UserDefaults defaults(UserDefaults::standardFilePath());
     iCloudPrefs::registerDefaults(defaults);
@@ -55,10 +80,11 @@ int main(int argc, char* argv[])
     // Nobody can be asked on a signal: the answer is Yes.
     QObject::connect(&terminationSignals, &TerminationSignals::terminationRequested, &delegate,
                      [&delegate] { delegate.requestQuit(false); });
-    QObject::connect(&application, &QGuiApplication::commitDataRequest, &delegate, [&delegate](QSessionManager& session) {
-        if (!delegate.applicationShouldTerminate(session.allowsInteraction()))
-            session.cancel();
-    });
+    QObject::connect(&application, &QGuiApplication::commitDataRequest, &delegate,
+                     [&delegate](QSessionManager& session) {
+                         if (!delegate.applicationShouldTerminate(session.allowsInteraction()))
+                             session.cancel();
+                     });
 
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return QApplication::exec();

@@ -6,6 +6,7 @@
 #include "platform/TerminationSignals.h"
 #include "support/MainWindowFixture.h"
 #include "support/PausingCopier.h"
+#include "support/SecondStart.h"
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
@@ -253,15 +254,15 @@ TEST_F(AppDelegateTest, ASecondStartShowsTheHiddenMainWindow)
     launch();
     controller->close();
     ASSERT_FALSE(controller->isVisible());
-    const QString name = QStringLiteral("pelmora-test-%1").arg(QCoreApplication::applicationPid());
-    SingleInstance first(name);
-    ASSERT_TRUE(first.listen());
+    const QString folder = QString::fromStdString(home.path().string());
+    const SingleInstance::Places places{folder + "/instance.lock", QString(), folder};
+    SingleInstance first(places);
+    ASSERT_EQ(first.claim(), SingleInstance::Claim::Launch);
     QObject::connect(&first, &SingleInstance::reopenRequested, &delegate,
                      [this] { delegate.applicationShouldHandleReopen(); });
 
-    EXPECT_TRUE(SingleInstance(name).handOverToRunningInstance());
+    EXPECT_EQ(claimAsASecondStart(places), SingleInstance::Claim::HandedOver);
     EXPECT_TRUE(runEventLoopUntil([&] { return controller->isVisible(); }));
-    EXPECT_FALSE(SingleInstance(name + "-none").handOverToRunningInstance());
 }
 
 TEST(TerminationSignalsTest, ASignalArrivesOnTheEventLoop)

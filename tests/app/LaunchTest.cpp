@@ -1,9 +1,14 @@
 #include "app/AppDelegate.h"
+#include "app/CommandLine.h"
+#include "platform/SingleInstance.h"
 #include "support/MainWindowFixture.h"
 
+#include <fcntl.h>
 #include <QAction>
 #include <QMenuBar>
 #include <QProcess>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace {
 
@@ -26,6 +31,142 @@ TEST(GraphicalSessionTest, WithoutADisplayTheProgramSaysSoInOneLineAndFails)
         EXPECT_EQ(errors.count('\n'), 0) << errors.toStdString();
         EXPECT_TRUE(errors.contains("needs a graphical session")) << errors.toStdString();
     }
+}
+
+struct Finished {
+    int exitCode = -1;
+    QString output;
+    QString errors;
+};
+
+// The real program, started and waited for; a program that had not ended within the bound is killed.
+Finished runProgram(const QStringList& arguments, const QProcessEnvironment& environment)
+{
+    QProcess program;
+    program.setProcessEnvironment(environment);
+    program.start(PELMORA_BINARY_DIR "/Pelmora", arguments);
+    const bool ended = program.waitForFinished(20000);
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(program.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
+    return {ended ? program.exitCode() : -1, QString::fromLocal8Bit(program.readAllStandardOutput()),
+            QString::fromLocal8Bit(program.readAllStandardError())};
+}
+
+QProcessEnvironment withoutADisplay()
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+        environment.remove(name);
+    return environment;
+}
+
+TEST(CommandLineTest, HelpAndVersionAnswerWithoutADisplay)
+{
+    for (const char* help : {"--help", "-h"}) {
+        SCOPED_TRACE(help);
+        const Finished finished = runProgram({help}, withoutADisplay());
+        EXPECT_EQ(finished.exitCode, 0);
+        EXPECT_TRUE(finished.output.startsWith("Usage: Pelmora [options]\n"))
+            << finished.output.toStdString();
+        EXPECT_TRUE(finished.output.contains("--version"));
+        EXPECT_TRUE(finished.errors.isEmpty()) << finished.errors.toStdString();
+    }
+    for (const char* version : {"--version", "-v"}) {
+        SCOPED_TRACE(version);
+        const Finished finished = runProgram({version}, withoutADisplay());
+        EXPECT_EQ(finished.exitCode, 0);
+        EXPECT_EQ(finished.output, QStringLiteral("Pelmora " PELMORA_VERSION "\n"));
+    }
+}
+
+TEST(CommandLineTest, AnUnknownOptionOrAStrayArgumentIsNamedInOneLineWithStatusTwo)
+{
+    const std::pair<QStringList, QString> cases[] = {
+        {{"--backup-now"}, "'--backup-now'"}, {{"-x", "--version"}, "'-x'"}, {{"--help=all"}, "'--help'"},
+        {{"Documents"}, "'Documents'"},       {{"-style"}, "'-style'"},
+    };
+    for (const auto& [arguments, named] : cases) {
+        SCOPED_TRACE(arguments.join(' ').toStdString());
+        const Finished finished = runProgram(arguments, withoutADisplay());
+        const QString errors = finished.errors.trimmed();
+        EXPECT_EQ(finished.exitCode, CommandLine::kUsageExitCode);
+        EXPECT_EQ(errors.count('\n'), 0) << errors.toStdString();
+        EXPECT_TRUE(errors.contains(named)) << errors.toStdString();
+        EXPECT_TRUE(errors.contains("Pelmora --help")) << errors.toStdString();
+        EXPECT_TRUE(finished.output.isEmpty());
+    }
+}
+
+// The session manager restarts the program with -session; Qt's options are QApplication's to take.
+TEST(CommandLineTest, QtsOwnOptionsAreLeftToQt)
+{
+    const QStringList arguments = {"Pelmora",   "-session",  "1234abcd", "-style=Fusion",
+                                   "--reverse", "-platform", "offscreen"};
+    EXPECT_EQ(CommandLine(arguments).action(), CommandLine::Action::Run);
+    EXPECT_EQ(CommandLine({"Pelmora"}).action(), CommandLine::Action::Run);
+    EXPECT_EQ(CommandLine({"Pelmora", "--help", "-style", "Fusion"}).action(), CommandLine::Action::ShowHelp);
+}
+
+// A home of its own with an iCloud folder, run offscreen; the single-instance places come from
+// the variables, as in a user's session.
+class ProgramLaunchTest : public ::testing::Test {
+protected:
+    ProgramLaunchTest()
+    {
+        TreeBuilder::makeFolder(home.path() / "Library" / "Mobile Documents" / "com~apple~CloudDocs");
+        for (const char* name : {"run", "tmp-a", "tmp-b"})
+            TreeBuilder::makeFolder(home.path() / name);
+        std::filesystem::permissions(home.path() / "run", std::filesystem::perms::owner_all);
+    }
+    QProcessEnvironment environment(const char* temporaryFolder, bool withRuntimeFolder) const
+    {
+        QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+        const QString root = QString::fromStdString(home.path().string());
+        variables.insert("QT_QPA_PLATFORM", "offscreen");
+        variables.insert("TMPDIR", root + "/" + temporaryFolder);
+        variables.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + root + "/no-bus");
+        variables.remove("XDG_RUNTIME_DIR");
+        if (withRuntimeFolder)
+            variables.insert("XDG_RUNTIME_DIR", root + "/run");
+        return variables;
+    }
+    std::filesystem::path lockFile() const { return home.configHome() / "Pelmora" / "Pelmora.instance.lock"; }
+
+    TestHome home;
+};
+
+TEST_F(ProgramLaunchTest, ASecondProgramOnTheSamePreferencesHandsOverAndEnds)
+{
+    QProcess first;
+    first.setProcessEnvironment(environment("tmp-a", true));
+    first.start(PELMORA_BINARY_DIR "/Pelmora", {});
+    // The lock file names the socket once the program answers.
+    ASSERT_TRUE(runEventLoopUntil(
+        [&] { return std::filesystem::exists(lockFile()) && std::filesystem::file_size(lockFile()) > 0; },
+        20000));
+
+    const Finished second = runProgram({}, environment("tmp-b", false));
+    EXPECT_EQ(second.exitCode, 0) << second.errors.toStdString();
+    EXPECT_EQ(first.state(), QProcess::Running);
+
+    first.terminate();
+    ASSERT_TRUE(first.waitForFinished(20000));
+    EXPECT_EQ(first.exitStatus(), QProcess::NormalExit);
+}
+
+TEST_F(ProgramLaunchTest, AHolderOfTheLockThatDoesNotAnswerStopsASecondProgram)
+{
+    TreeBuilder::makeFolder(lockFile().parent_path());
+    const int holder = ::open(lockFile().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(::flock(holder, LOCK_EX | LOCK_NB), 0);
+
+    const Finished second = runProgram({}, environment("tmp-a", true));
+    ::close(holder);
+    const QString errors = second.errors.trimmed();
+    EXPECT_EQ(second.exitCode, SingleInstance::kAlreadyRunningExitCode);
+    EXPECT_EQ(errors.count('\n'), 0) << errors.toStdString();
+    EXPECT_TRUE(errors.contains("already running")) << errors.toStdString();
+    EXPECT_FALSE(std::filesystem::exists(home.configHome() / "Pelmora" / "Pelmora.json"));
 }
 
 // A German user with something in iCloud Drive.
@@ -109,7 +250,8 @@ TEST_F(LaunchTest, SandboxedFirstLaunchWithTheRealHomeWatchesAndMeasuresIt)
     EXPECT_EQ(controller->mobileDocumentsDirectory(), iCloudFolder());
     EXPECT_EQ(streams.paths, QStringList({iCloudFolder()}));
     ASSERT_TRUE(runEventLoopUntil([&] {
-        return controller->labeliCloudSize()->text() != "?" && !controller->isCalculatingiCloudSizeInProgress();
+        return controller->labeliCloudSize()->text() != "?" &&
+               !controller->isCalculatingiCloudSizeInProgress();
     }));
 }
 
