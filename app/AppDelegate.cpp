@@ -27,12 +27,15 @@ AppDelegate::AppDelegate(Services services, QObject* parent)
 
 AppDelegate::~AppDelegate()
 {
+    // The menu goes before the window; a window being taken down has nothing to tell it.
+    if (m_mainWindowController)
+        m_mainWindowController->disconnect(this);
     applicationWillTerminate();
 }
 
-bool AppDelegate::isSandboxed()
+bool AppDelegate::isSandboxed() const
 {
-    return HomeFolderAcquisition::isSandboxedHome(QDir::homePath());
+    return HomeFolderAcquisition::isSandboxedHome(QDir::homePath(), m_services.passwords);
 }
 
 void AppDelegate::applicationDidFinishLaunching()
@@ -59,7 +62,7 @@ void AppDelegate::createMainWindow()
                                             m_services.folderChooser,
                                             m_services.passwords,
                                             m_services.fileManager,
-                                            &AppDelegate::isSandboxed,
+                                            [this] { return isSandboxed(); },
                                             [this] { return m_homeDirectory; },
                                             [this](const QString& home) { m_homeDirectory = home; },
                                             m_services.streamFactory,
@@ -70,6 +73,9 @@ void AppDelegate::createMainWindow()
     m_mainWindowController->setShowBackupInfoHandler([this] { showBackupInfo(); });
     m_mainMenu = std::make_unique<MainMenu>(m_mainWindowController->menuBar());
     connectMainMenu();
+    connect(m_mainWindowController.get(), &MainWindowController::commandStatesChanged, this,
+            &AppDelegate::validateMenuItems);
+    validateMenuItems();
     m_mainWindowController->showWindow();
 }
 
@@ -130,6 +136,16 @@ void AppDelegate::connectMainMenu()
     connect(m_mainMenu->windowMenu(), &QMenu::aboutToShow, this, [this] { listInspectorsInWindowMenu(); });
     QAction* askBeforeDeleting = m_mainMenu->action(Command::AskBeforeDeletingBackups);
     askBeforeDeleting->setChecked(menuItemState(askBeforeDeleting));
+}
+
+// Every item, whether its menu is open or not: a disabled item's shortcut is dead, so the states must be
+// right whenever a key can be pressed, not only while a menu shows.
+void AppDelegate::validateMenuItems()
+{
+    for (QAction* top : m_mainWindowController->menuBar()->actions()) {
+        if (QMenu* menu = top->menu())
+            validateMenu(menu);
+    }
 }
 
 void AppDelegate::validateMenu(QMenu* menu)
@@ -236,9 +252,11 @@ InspectorWindowController* AppDelegate::inspectorForBackup(const BackupRecordRef
             return inspector.get();
     }
     auto inspector = std::make_unique<InspectorWindowController>(m_services.fileManager);
-    // Beside the main window, each new one a little further, rather than wherever the system puts it.
+    // Beside the main window, each new one a little further, rather than wherever the system puts it; but
+    // on the main window's screen, even when the main window sits at its edge.
     const int offset = 32 * static_cast<int>(m_inspectorControllers.size() % 8);
-    inspector->move(m_mainWindowController->frameGeometry().topRight() + QPoint(16 + offset, offset));
+    const QPoint besideMainWindow = m_mainWindowController->frameGeometry().topRight() + QPoint(16 + offset, offset);
+    inspector->moveWithinScreen(besideMainWindow, m_mainWindowController->screen());
     m_inspectorControllers.push_back(std::move(inspector));
     return m_inspectorControllers.back().get();
 }

@@ -49,7 +49,7 @@ public:
 
     void applicationDidFinishLaunching();
 
-    static bool isSandboxed();
+    bool isSandboxed() const;
     bool sandboxed() const { return m_sandboxed; }
     const std::optional<QString>& homeDirectory() const { return m_homeDirectory; }
     void setHomeDirectory(const std::optional<QString>& homeDirectory) { m_homeDirectory = homeDirectory; }
@@ -98,6 +98,7 @@ private:
     void connectMainMenu();
     void _windowClosed(QWidget* window);
     void bringMainWindowForward();
+    void validateMenuItems();
     void validateMenu(QMenu* menu);
     void listInspectorsInWindowMenu();
     bool hasSelection() const;

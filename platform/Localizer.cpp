@@ -1,6 +1,8 @@
 #include "Localizer.h"
 
 #include <QAction>
+#include <QCoreApplication>
+#include <QLibraryInfo>
 #include <QLocale>
 #include <QMenu>
 #include <QTimer>
@@ -14,6 +16,8 @@ struct LocalizerState {
     Localizer::Resources resources;
     std::unique_ptr<QTranslator> userTable; // loaded once, on first use
     bool userTableTried = false;
+    std::unique_ptr<QTranslator> qtTable; // installed in the application while it lives
+
     std::unique_ptr<QTranslator> nativeTable;
     std::unique_ptr<QTimer> cleanTimer;
 };
@@ -44,6 +48,19 @@ QStringList userLanguages()
     return configured.isEmpty() ? QLocale().uiLanguages() : configured;
 }
 
+// Qt's own texts in the language of ours, so that a window does not mix two: the key names of shortcuts
+// ("Strg+I" in German), the buttons of standard dialogs. Without them Qt speaks English, which is what
+// the development language needs anyway.
+void installQtTable(const QString& language)
+{
+    const QString folder = QLibraryInfo::path(QLibraryInfo::TranslationsPath);
+    auto table = std::make_unique<QTranslator>();
+    if (!QCoreApplication::instance() || !table->load(QStringLiteral("qtbase_") + language, folder))
+        return;
+    QCoreApplication::installTranslator(table.get());
+    state().qtTable = std::move(table); // its destructor takes it out of the application again
+}
+
 // The table of the first of the user's languages that has one ("de-AT" falls back to "de"), or the
 // development language's when none does, as an application bundle picks its localization.
 std::unique_ptr<QTranslator> loadUserTable()
@@ -52,8 +69,10 @@ std::unique_ptr<QTranslator> loadUserTable()
         QString name = language;
         name.replace(QLatin1Char('-'), QLatin1Char('_'));
         while (!name.isEmpty()) {
-            if (auto table = loadTable(name))
+            if (auto table = loadTable(name)) {
+                installQtTable(name);
                 return table;
+            }
             const qsizetype cut = name.lastIndexOf(QLatin1Char('_'));
             name = cut > 0 ? name.left(cut) : QString();
         }
@@ -95,6 +114,7 @@ void Localizer::setResources(const Resources& resources)
     s.resources = resources;
     s.userTable.reset();
     s.userTableTried = false;
+    s.qtTable.reset();
     cleanNativBundle();
 }
 
@@ -186,6 +206,18 @@ QString Localizer::dontShowAgainButtonTitle()
 QString Localizer::dontAskAgainButtonTitle()
 {
     return localizedStringForKey(QStringLiteral("button_dont_ask"));
+}
+
+QString Localizer::plainTitle(const QString& title)
+{
+    QString plain;
+    plain.reserve(title.size());
+    for (qsizetype index = 0; index < title.size(); ++index) {
+        if (title.at(index) == QLatin1Char('&') && index + 1 < title.size())
+            ++index;
+        plain += title.at(index);
+    }
+    return plain;
 }
 
 void Localizer::localizeMenu(QWidget* menu, const QString& name, const QString& table)

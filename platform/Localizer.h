@@ -54,6 +54,10 @@ public:
     static QString dontShowAgainButtonTitle();
     static QString dontAskAgainButtonTitle();
 
+    // A button or menu title as running text: without its access-key marker ("&Restore" reads "Restore",
+    // "&&" reads "&").
+    static QString plainTitle(const QString& title);
+
     // Translates every item of a menu bar or menu in place, recursively. The key of an item is the
     // menu's name, "_", and the item's title; a submenu's items are keyed under the submenu's key.
     static void localizeMenu(QWidget* menu, const QString& name, const QString& table);

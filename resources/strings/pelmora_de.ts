@@ -125,23 +125,23 @@
     </message>
     <message>
         <source>btnTitleBackUp</source>
-        <translation>Sichern</translation>
+        <translation>&amp;Sichern</translation>
     </message>
     <message>
         <source>btnTitleBackUpNow</source>
-        <translation>Jetzt sichern</translation>
+        <translation>&amp;Jetzt sichern</translation>
     </message>
     <message>
         <source>btnTitleDelete</source>
-        <translation>Löschen</translation>
+        <translation>&amp;Löschen</translation>
     </message>
     <message>
         <source>btnTitleRestore</source>
-        <translation>Wiederherstellen</translation>
+        <translation>&amp;Wiederherstellen</translation>
     </message>
     <message>
         <source>button_cancel</source>
-        <translation>Abbrechen</translation>
+        <translation>&amp;Abbrechen</translation>
     </message>
     <message>
         <source>button_dont_ask</source>
@@ -169,7 +169,7 @@
     </message>
     <message>
         <source>contextMenuItemTitleGetInfo</source>
-        <translation>Informationen anzeigen</translation>
+        <translation>&amp;Informationen anzeigen</translation>
     </message>
     <message>
         <source>formatStringBackupContent</source>
@@ -281,7 +281,7 @@
     </message>
     <message>
         <source>titleShowInFinder</source>
-        <translation>Im Dateimanager zeigen</translation>
+        <translation>Im &amp;Dateimanager zeigen</translation>
     </message>
     <message>
         <source>windowTitleBackupInfo</source>

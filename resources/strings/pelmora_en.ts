@@ -125,23 +125,23 @@
     </message>
     <message>
         <source>btnTitleBackUp</source>
-        <translation>Back Up</translation>
+        <translation>&amp;Back Up</translation>
     </message>
     <message>
         <source>btnTitleBackUpNow</source>
-        <translation>Back Up Now</translation>
+        <translation>&amp;Back Up Now</translation>
     </message>
     <message>
         <source>btnTitleDelete</source>
-        <translation>Delete</translation>
+        <translation>&amp;Delete</translation>
     </message>
     <message>
         <source>btnTitleRestore</source>
-        <translation>Restore</translation>
+        <translation>&amp;Restore</translation>
     </message>
     <message>
         <source>button_cancel</source>
-        <translation>Cancel</translation>
+        <translation>&amp;Cancel</translation>
     </message>
     <message>
         <source>button_dont_ask</source>
@@ -169,7 +169,7 @@
     </message>
     <message>
         <source>contextMenuItemTitleGetInfo</source>
-        <translation>Get Info</translation>
+        <translation>&amp;Get Info</translation>
     </message>
     <message>
         <source>formatStringBackupContent</source>
@@ -281,7 +281,7 @@
     </message>
     <message>
         <source>titleShowInFinder</source>
-        <translation>Show in File Manager</translation>
+        <translation>&amp;Show in File Manager</translation>
     </message>
     <message>
         <source>windowTitleBackupInfo</source>

@@ -5,13 +5,16 @@
 #include "platform/SingleInstance.h"
 #include "platform/TerminationSignals.h"
 #include "support/MainWindowFixture.h"
+#include "support/Keyboard.h"
 #include "support/PausingCopier.h"
 #include "support/SecondStart.h"
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QMenu>
+#include <QScreen>
 #include <QTableWidget>
 #include <csignal>
 
@@ -20,6 +23,9 @@ using namespace TreeBuilder;
 using Command = MainMenu::Command;
 
 namespace {
+
+// A container whose name is not UTF-8.
+const std::string kByteNamedContainer = "iCloud~com~example~Caf\xe9";
 
 class AppDelegateTest : public TestWorld {
 protected:
@@ -33,6 +39,7 @@ protected:
             writeFile(folder / "iCloud~com~example~Notes" / "a.txt", "12345");
             writeFile(folder / "iCloud~com~example~Notes" / "sub" / "b.txt", "123");
             writeFile(folder / "com~example~CloudDocs" / "c.txt", "1");
+            writeFile(folder / kByteNamedContainer / "e.txt", "1");
             writeFile(folder / ".hidden" / "d.txt", "1");
             writeFile(folder / "notes.txt", "1");
             makeSymlink("com~example~CloudDocs", folder / "link-to-container");
@@ -60,6 +67,8 @@ protected:
         return flags;
     }
     void select(int row) { controller->backupsTable()->selectRow(row); }
+    QAction* action(Command command) const { return delegate.mainMenu()->action(command); }
+    void pressControlAnd(Qt::Key key) { QTest::keyClick(controller, key, Qt::ControlModifier); }
 
     // Called after the first file of a copy, with the copy's quit flag.
     std::function<void(const std::atomic<bool>*)> copierHook;
@@ -134,23 +143,77 @@ TEST_F(AppDelegateTest, AskBeforeDeletingBackupsFollowsDontAskAgainAndTurnsTheQu
     EXPECT_EQ(controller->backups().count(), 1);
 }
 
+// The shortcut of a command is live exactly when the command is allowed, also after a menu opened while
+// it was not: the selection and the running operations set the menu's states as they change.
+TEST_F(AppDelegateTest, ShortcutsComeAliveAndDieWithTheirCommandsWhetherOrNotAMenuOpens)
+{
+    makeBackups(1);
+    writeFile(iCloud() / "com~apple~CloudDocs" / "live.txt", "x");
+    launch();
+    ASSERT_TRUE(runEventLoopUntil([&] { return QApplication::activeWindow() == controller; }));
+    QMenu* fileMenu = delegate.mainMenu()->fileMenu();
+    const auto openAndCloseFileMenu = [&] {
+        fileMenu->popup(controller->geometry().center());
+        fileMenu->hide();
+    };
+
+    openAndCloseFileMenu();
+    ASSERT_FALSE(action(Command::ShowBackupInfo)->isEnabled()) << "no row is selected";
+    select(0);
+    pressControlAnd(Qt::Key_I);
+    EXPECT_EQ(delegate.inspectorControllers().size(), 1u) << "Get Info, disabled when the menu last opened";
+
+    openAndCloseFileMenu();
+    controller->backupsTable()->clearSelection();
+    EXPECT_FALSE(action(Command::ShowInFinder)->isEnabled());
+    pressControlAnd(Qt::Key_O);
+    EXPECT_TRUE(fileManager.selected.isEmpty()) << "Show in File Manager, enabled when the menu last opened";
+
+    // The restore holds at its first copied file: Back Up waits for its end.
+    select(0);
+    std::atomic<bool> resume = false;
+    copierHook = [&](const std::atomic<bool>*) { resume.wait(false); };
+    alerts.answers = {AlertResponse{1000, false}};
+    QSignalSpy restored(controller, &MainWindowController::restoreFinished);
+    delegate.restoreBackup();
+    ASSERT_TRUE(controller->isiCloudBeingRestored());
+    openAndCloseFileMenu();
+    pressControlAnd(Qt::Key_B);
+    EXPECT_FALSE(controller->isiCloudBackingUp()) << "no backup during a restore";
+    resume = true;
+    resume.notify_all();
+    ASSERT_TRUE(runEventLoopUntil([&] { return restored.count() == 1; }));
+    EXPECT_TRUE(action(Command::CreateBackup)->isEnabled());
+
+    makeFolder(iCloud() / "com~apple~CloudDocs"); // the backup did not hold it, so the restore took it out
+    QSignalSpy backedUp(controller, &MainWindowController::backUpFinished);
+    pressControlAnd(Qt::Key_B);
+    EXPECT_TRUE(runEventLoopUntil([&] { return backedUp.count() == 1; }));
+    EXPECT_EQ(controller->backups().count(), 2);
+}
+
 TEST_F(AppDelegateTest, OneInspectorPerBackupListingItsContainersForgottenWhenItCloses)
 {
     makeBackups(2);
     launch();
+    // At the right edge of its screen: the info windows beside it must still lie wholly on the screen.
+    const QRect screen = controller->screen()->availableGeometry();
+    controller->move(screen.right() - controller->frameGeometry().width() - 8, screen.top() + 40);
     select(0);
     delegate.showBackupInfo();
     delegate.showBackupInfo();
     ASSERT_EQ(delegate.inspectorControllers().size(), 1u);
     InspectorWindowController* first = delegate.inspectorControllers().front().get();
     EXPECT_TRUE(first->isVisible());
+    EXPECT_TRUE(screen.contains(first->frameGeometry())) << "left at " << first->frameGeometry().x();
+    EXPECT_TRUE(reachedByTab(first).contains(first->showInFinderBtn()));
     QStringList names;
     for (const auto& entry : first->appContainers())
         names << entry.appName;
     names.sort();
-    EXPECT_EQ(names, QStringList({"CloudDocs", "Notes"}));
-    EXPECT_EQ(first->backupContentDescriptionLabel()->text(), text("formatStringBackupContent").arg("2", "3"))
-        << "two containers, three files";
+    EXPECT_EQ(names, QStringList({QFile::decodeName("Caf\xe9"), "CloudDocs", "Notes"}));
+    EXPECT_EQ(first->backupContentDescriptionLabel()->text(), text("formatStringBackupContent").arg("3", "4"))
+        << "three containers, four files";
     EXPECT_TRUE(first->showInFinderBtn()->isEnabled());
     first->showInFinder();
     EXPECT_EQ(fileManager.selected, QStringList({*controller->backups().at(0)->backupFolder()}));
@@ -178,8 +241,11 @@ TEST_F(AppDelegateTest, OneInspectorPerBackupListingItsContainersForgottenWhenIt
     const QString firstTitle = text("menuItemTitleBackup").arg(firstDate);
     EXPECT_TRUE(titles.contains(firstTitle)) << titles.join(" | ").toStdString();
 
-    first->close();
-    EXPECT_EQ(delegate.inspectorControllers().size(), 1u);
+    EXPECT_TRUE(screen.contains(second->frameGeometry())) << "left at " << second->frameGeometry().x();
+
+    // Escape where the focus is, in the list of containers.
+    QTest::keyClick(first->backupContentTable(), Qt::Key_Escape);
+    EXPECT_EQ(delegate.inspectorControllers().size(), 1u) << "closed and forgotten";
     select(0);
     delegate.showBackupInfo();
     EXPECT_EQ(delegate.inspectorControllers().size(), 2u) << "a fresh inspector after the close";

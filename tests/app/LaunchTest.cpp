@@ -212,6 +212,19 @@ TEST_F(LaunchTest, OutsideASandboxTheWindowShowsTheFolderIsWatchedOnceMeasuredAn
     EXPECT_NE(controller->labeliCloudSize()->text(), "?");
 }
 
+TEST_F(LaunchTest, ADeepHomeThatIsTheUsersOwnIsNoSandboxAndIsNotAskedFor)
+{
+    const std::filesystem::path own = home.path() / "example.com" / "alice";
+    TreeBuilder::makeFolder(own);
+    qputenv("HOME", own.c_str());
+    passwords.home = own.string();
+    delegate.applicationDidFinishLaunching();
+
+    EXPECT_FALSE(delegate.sandboxed());
+    EXPECT_TRUE(chooser.titles.isEmpty());
+    EXPECT_EQ(delegate.homeDirectory(), QString::fromStdString(own.string()));
+}
+
 TEST_F(LaunchTest, SandboxedFirstLaunchWithTheWrongFolderEndsEarly)
 {
     pretendSandboxed();

@@ -2,6 +2,7 @@
 #include "support/EventLoop.h"
 #include "support/QtPrinters.h"
 
+#include <QKeySequence>
 #include <QMenu>
 #include <QMenuBar>
 #include <gtest/gtest.h>
@@ -106,16 +107,24 @@ TEST_F(LocalizerTest, ButtonTitlesComeFromTheProgramsTables)
 {
     Localizer::setResources({.userLanguages = {"en"}});
     EXPECT_EQ(Localizer::okButtonTitle(), "OK");
-    EXPECT_EQ(Localizer::cancelButtonTitle(), "Cancel");
+    EXPECT_EQ(Localizer::cancelButtonTitle(), "&Cancel");
+    EXPECT_EQ(Localizer::plainTitle(Localizer::cancelButtonTitle()), "Cancel");
+    EXPECT_EQ(Localizer::plainTitle("Save && &Quit"), "Save & Quit");
     EXPECT_EQ(Localizer::yesButtonTitle(), "Yes");
     EXPECT_EQ(Localizer::noButtonTitle(), "No");
+    const QKeySequence getInfo(Qt::CTRL | Qt::Key_I);
+    EXPECT_EQ(getInfo.toString(QKeySequence::NativeText), "Ctrl+I");
 
-    Localizer::setResources({.userLanguages = {"de"}});
-    EXPECT_EQ(Localizer::cancelButtonTitle(), "Abbrechen");
+    Localizer::setResources({.userLanguages = {"de-AT"}});
+    EXPECT_EQ(Localizer::cancelButtonTitle(), "&Abbrechen");
     EXPECT_EQ(Localizer::noButtonTitle(), "Nein");
+    EXPECT_EQ(getInfo.toString(QKeySequence::NativeText), "Strg+I") << "Qt's own texts follow ours";
     for (const QString& title : {Localizer::openButtonTitle(), Localizer::dontShowAgainButtonTitle(),
                                  Localizer::dontAskAgainButtonTitle()})
         EXPECT_FALSE(title.startsWith("button_")) << title.toStdString();
+
+    Localizer::setResources({.userLanguages = {"en"}});
+    EXPECT_EQ(getInfo.toString(QKeySequence::NativeText), "Ctrl+I") << "dropped with the German table";
 }
 
 } // namespace

@@ -101,4 +101,33 @@ TEST(StringTablesTest, EveryLanguageHasEveryKeyWithAFinishedTextAndTheSamePlaceh
     EXPECT_EQ(english.size(), german.size());
 }
 
+// Alt and a letter press a button: each button title has one access key, and within one window (or one
+// menu) no two share a letter.
+TEST(StringTablesTest, TheButtonsOfEachWindowHaveAnAccessKeyOfTheirOwnInEveryLanguage)
+{
+    const QList<QStringList> windows = {
+        {"btnTitleDelete", "titleShowInFinder", "btnTitleRestore", "btnTitleBackUp"}, // the main window
+        {"contextMenuItemTitleGetInfo", "titleShowInFinder", "btnTitleRestore", "btnTitleDelete"}, // a row's menu
+        {"button_cancel", "btnTitleBackUpNow"}, // the apps-to-quit window, before a backup
+        {"button_cancel", "btnTitleRestore"},   // and before a restore
+        {"titleShowInFinder"},                  // the info window
+        {"button_cancel"}};                     // the progress window
+    for (const char* language : {"en", "de"}) {
+        QTranslator table;
+        ASSERT_TRUE(table.load(QStringLiteral("pelmora_%1").arg(language), ":/i18n"));
+        for (const QStringList& keys : windows) {
+            QSet<QChar> letters;
+            for (const QString& key : keys) {
+                const QString title = table.translate("Localizable", key.toUtf8().constData());
+                const qsizetype marker = title.indexOf('&');
+                ASSERT_TRUE(marker >= 0 && marker + 1 < title.size() && title.indexOf('&', marker + 1) < 0)
+                    << language << ": " << title.toStdString();
+                const QChar letter = title.at(marker + 1).toLower();
+                EXPECT_FALSE(letters.contains(letter)) << language << ": " << title.toStdString();
+                letters.insert(letter);
+            }
+        }
+    }
+}
+
 } // namespace

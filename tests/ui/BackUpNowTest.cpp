@@ -2,6 +2,7 @@
 #include "engine/DirectoryCopier.h"
 #include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
+#include "support/Keyboard.h"
 #include "support/MainWindowFixture.h"
 #include "support/PausingCopier.h"
 #include "ui/inspector/InspectorWindowController.h"
@@ -441,10 +442,12 @@ TEST_F(QuitAppsTest, ABackupWaitsForTheAppsThatUseiCloudAndGoesOnWhenTheyQuit)
     EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
     EXPECT_EQ(request->windowTitle(), text("windowTitleCloseAppsBeforeBackUp"));
     EXPECT_EQ(request->backUpNowOrRestoreBtn()->text(), text("btnTitleBackUpNow"));
-    EXPECT_EQ(request->infoLabel()->text(), text("formatStringCloseApps").arg(text("btnTitleBackUpNow")));
+    EXPECT_EQ(request->infoLabel()->text(), text("formatStringCloseApps").arg("Back Up Now")) << "no access key";
     EXPECT_EQ(QuitAppsRequestWindowController::tagOf(request->backUpNowOrRestoreBtn()), 0);
     ASSERT_EQ(request->appsToQuitTable()->rowCount(), 2) << "listed once per container it uses";
     EXPECT_EQ(request->appsToQuitTable()->item(0, 0)->text(), "Notes");
+    const QSet<QWidget*> reached = reachedByTab(request);
+    EXPECT_TRUE(reached.contains(request->cancelBtn()) && reached.contains(request->backUpNowOrRestoreBtn()));
 
     request->activateApp(-1);
     EXPECT_TRUE(applications.activated.isEmpty());

@@ -7,12 +7,19 @@
 
 namespace {
 
-TEST(SandboxTest, IsDecidedByTheNumberOfComponentsInTheProcessHome)
+TEST(SandboxTest, IsDecidedByTheNumberOfComponentsInTheProcessHomeUnlessItIsTheUsersOwnHome)
 {
+    ScriptedPasswordDatabase passwords;
     for (const char* home : {"/Users/jane", "/home/jane/", "/tmp/pelmora-abc123", "/root"})
-        EXPECT_FALSE(HomeFolderAcquisition::isSandboxedHome(home)) << home;
+        EXPECT_FALSE(HomeFolderAcquisition::isSandboxedHome(home, passwords)) << home;
     for (const char* home : {"/home/jane/.var", "/Users/jane/Library/Containers/com.example.app/Data"})
-        EXPECT_TRUE(HomeFolderAcquisition::isSandboxedHome(home)) << home;
+        EXPECT_TRUE(HomeFolderAcquisition::isSandboxedHome(home, passwords)) << home;
+
+    passwords.home = "/home/example.com/alice";
+    for (const char* home : {"/home/example.com/alice", "/home/example.com/alice/"})
+        EXPECT_FALSE(HomeFolderAcquisition::isSandboxedHome(home, passwords)) << home;
+    EXPECT_TRUE(HomeFolderAcquisition::isSandboxedHome("/home/example.com/alice/.var/app/Data", passwords));
+    EXPECT_TRUE(HomeFolderAcquisition::isSandboxedHome("/home/example.com/bob", passwords));
 }
 
 // The user's real home is a folder "jane" inside the test's home; the process home is elsewhere.

@@ -1,7 +1,9 @@
 #include "platform/ByteCountFormatter.h"
+#include "support/Keyboard.h"
 #include "support/MainWindowFixture.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QMenu>
 #include <QTest>
 
@@ -133,6 +135,27 @@ TEST_F(MainWindowControllerTest, RowsShowTheRecordsInCompletionOrderWithAContext
     QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, rowPoint(*controller, 0));
     QTest::mouseDClick(table->viewport(), Qt::LeftButton, {}, rowPoint(*controller, 0));
     EXPECT_EQ(asked, 1) << "a double click asks for the backup's info";
+}
+
+TEST_F(MainWindowControllerTest, TabReachesEveryButtonAndEachAnswersItsAccessKey)
+{
+    const QString folder = QString::fromStdString((home.path() / "backup").string());
+    makeFolder(folder.toStdString());
+    storeBackups({BackupRecord::make(QDateTime::currentDateTime(), folder, 1)});
+    auto controller = openWindow();
+
+    const QSet<QWidget*> reached = reachedByTab(controller.get());
+    EXPECT_TRUE(reached.contains(controller->backupsTable()));
+    for (QPushButton* button : {controller->deleteBackupBtn(), controller->showInFinderBtn(),
+                                controller->restoreFromBackupBtn(), controller->backUpNowBtn()})
+        EXPECT_TRUE(reached.contains(button)) << button->text().toStdString();
+
+    controller->backupsTable()->selectRow(0);
+    ASSERT_TRUE(runEventLoopUntil([&] { return QApplication::activeWindow() == controller.get(); }));
+    QTest::keyClick(controller.get(), Qt::Key_S, Qt::AltModifier);
+    // The button shows itself pressed for a moment before it clicks.
+    EXPECT_TRUE(runEventLoopUntil([&] { return !fileManager.selected.isEmpty(); }));
+    EXPECT_EQ(fileManager.selected, QStringList({folder})) << "Alt+S: Show in File Manager";
 }
 
 TEST_F(MainWindowControllerTest, AFileWrittenIntoTheWatchedFolderShowsInTheSizeLabel)

@@ -8,6 +8,7 @@
 #include "platform/FolderChooser.h"
 #include "platform/UserDefaults.h"
 
+#include <QDir>
 #include <QFile>
 
 HomeFolderAcquisition::HomeFolderAcquisition(UserDefaults& defaults, FolderChooser& chooser,
@@ -18,10 +19,13 @@ HomeFolderAcquisition::HomeFolderAcquisition(UserDefaults& defaults, FolderChoos
 {
 }
 
-bool HomeFolderAcquisition::isSandboxedHome(const QString& processHome)
+bool HomeFolderAcquisition::isSandboxedHome(const QString& processHome, const PasswordDatabase& passwords)
 {
     const qsizetype components = 1 + processHome.split(QLatin1Char('/'), Qt::SkipEmptyParts).size();
-    return components > 3;
+    if (components <= 3)
+        return false;
+    const std::optional<std::string> realHome = passwords.realHomeDirectory();
+    return !realHome || QDir::cleanPath(QFile::decodeName(realHome->c_str())) != QDir::cleanPath(processHome);
 }
 
 QString HomeFolderAcquisition::mobileDocumentsDirectory(const QString& homeDirectory)

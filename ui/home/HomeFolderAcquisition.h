@@ -24,8 +24,10 @@ public:
     HomeFolderOutcome run(bool sandboxed, const QString& processHome);
 
     // More than three path components in the process's home ("/", "home", "jane") means a sandbox
-    // container home. The count is the whole test, on purpose.
-    static bool isSandboxedHome(const QString& processHome);
+    // container home, unless it is the home the password database gives the user: a deep home of one's
+    // own ("/home/example.com/alice") is no container, and asking for it at every first launch would be
+    // wrong. Otherwise the count is the whole test, on purpose.
+    static bool isSandboxedHome(const QString& processHome, const PasswordDatabase& passwords);
     static QString mobileDocumentsDirectory(const QString& homeDirectory);
 
 private:

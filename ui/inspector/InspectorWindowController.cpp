@@ -8,10 +8,15 @@
 #include "platform/FileManager.h"
 #include "ui_InspectorWindowController.h"
 
-#include <QDir>
 #include <QFile>
 #include <QHeaderView>
+#include <QKeyEvent>
 #include <QPlainTextEdit>
+#include <QScreen>
+#include <algorithm>
+#include <filesystem>
+#include <system_error>
+#include <vector>
 #include <sys/stat.h>
 
 namespace {
@@ -29,6 +34,24 @@ std::optional<struct stat> itemStatus(const QString& path)
     return st;
 }
 
+// The backup's top-level folders by their byte names, in listing order; hidden entries, plain files and
+// links are left out. Bytes, not QDir: a name that is not UTF-8 would not survive the round trip.
+std::vector<std::filesystem::path> containerFolders(const std::filesystem::path& backup)
+{
+    std::vector<std::filesystem::path> folders;
+    std::error_code error;
+    std::filesystem::directory_iterator it(backup, error);
+    for (const std::filesystem::directory_iterator end{}; !error && it != end; it.increment(error)) {
+        const std::filesystem::path& path = it->path();
+        if (path.filename().native().starts_with('.'))
+            continue;
+        std::error_code statusError;
+        if (std::filesystem::is_directory(it->symlink_status(statusError)))
+            folders.push_back(path);
+    }
+    return folders;
+}
+
 } // namespace
 
 InspectorWindowController::InspectorWindowController(FileManager& fileManager, QWidget* parent)
@@ -43,11 +66,15 @@ InspectorWindowController::~InspectorWindowController() = default;
 
 void InspectorWindowController::showWindow()
 {
-    if (!m_windowLoaded) {
+    const bool firstShow = !m_windowLoaded;
+    if (firstShow) {
         m_windowLoaded = true;
         windowDidLoad();
     }
     show();
+    // Placed before its frame was known; a window the user has moved since is left where it is.
+    if (firstShow)
+        moveWithinScreen(pos(), screen());
     raise();
     activateWindow();
 }
@@ -107,25 +134,39 @@ void InspectorWindowController::showNotCopiedItems(const QString& folder)
     m_ui->notCopiedList->setPlainText(CopyOperation::describeItems(items));
 }
 
-// The backup's top-level folders, in listing order; hidden entries, plain files and links are left out.
 std::uint32_t InspectorWindowController::findContainers(const QString& folder)
 {
     std::uint32_t filesTotal = 0;
-    const QStringList names =
-        QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
-    for (const QString& name : names) {
-        if (name.startsWith(QLatin1Char('.')))
-            continue;
-        const QString path = folder + QLatin1Char('/') + name;
-        const std::optional<struct stat> st = itemStatus(path);
-        if (!st || !S_ISDIR(st->st_mode))
-            continue;
-        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(QFile::encodeName(path).toStdString());
+    for (const std::filesystem::path& path : containerFolders(QFile::encodeName(folder).toStdString())) {
+        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(path);
         filesTotal += static_cast<std::uint32_t>(measure.totalFilesCount); // wraps, as the count it sums
-        m_appContainers.append({name.split(QLatin1Char('~')).constLast(), measure.totalSize, path,
-                                measure.totalFilesCount});
+        const QString name = QFile::decodeName(path.filename().c_str());
+        m_appContainers.append({name.split(QLatin1Char('~')).constLast(), measure.totalSize,
+                                QFile::decodeName(path.c_str()), measure.totalFilesCount});
     }
     return filesTotal;
+}
+
+void InspectorWindowController::moveWithinScreen(const QPoint& topLeft, const QScreen* screen)
+{
+    if (!screen) {
+        move(topLeft);
+        return;
+    }
+    const QRect area = screen->availableGeometry();
+    // The size it will show at: its layout may raise it above the size it was given.
+    const QSize frame = frameGeometry().size().expandedTo(minimumSizeHint());
+    const int right = std::max(area.left(), area.x() + area.width() - frame.width());
+    const int bottom = std::max(area.top(), area.y() + area.height() - frame.height());
+    move(std::clamp(topLeft.x(), area.left(), right), std::clamp(topLeft.y(), area.top(), bottom));
+}
+
+void InspectorWindowController::keyPressEvent(QKeyEvent* event)
+{
+    if (event->matches(QKeySequence::Cancel))
+        close();
+    else
+        QWidget::keyPressEvent(event);
 }
 
 void InspectorWindowController::reloadTable()

@@ -10,6 +10,7 @@ class FileManager;
 class QLabel;
 class QPlainTextEdit;
 class QPushButton;
+class QScreen;
 class QTableWidget;
 
 namespace Ui {
@@ -35,6 +36,9 @@ public:
     void showBackupInfo(const BackupRecordRef& backup);
     void showInFinder();
     void showAppContainerInFinder();
+    // Moves the window's top-left corner near `topLeft`, but never so that any of it leaves the screen's
+    // available area (a window half off the screen cannot be reached by the mouse).
+    void moveWithinScreen(const QPoint& topLeft, const QScreen* screen);
 
     const BackupRecordRef& backupInfo() const { return m_backupInfo; }
     const QList<ContainerEntry>& appContainers() const { return m_appContainers; }
@@ -49,6 +53,9 @@ public:
     // Hidden for a backup that holds everything it was asked to.
     QLabel* notCopiedLabel() const;
     QPlainTextEdit* notCopiedList() const;
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
 
 private:
     void windowDidLoad();

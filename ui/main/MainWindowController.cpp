@@ -83,6 +83,9 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
          .objectValue = [this](const QString& column, int row) { return objectValueForTableColumn(column, row); }},
         this);
     m_ui->backupsTable->setModel(m_tableModel);
+    connect(m_tableModel, &QAbstractItemModel::modelReset, this, &MainWindowController::commandStatesChanged);
+    connect(m_ui->backupsTable->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            &MainWindowController::commandStatesChanged);
     m_tableViewPlaceholderLabel = new QLabel(m_ui->backupsTable->viewport());
     m_tableViewPlaceholderLabel->setAlignment(Qt::AlignCenter);
     m_tableViewPlaceholderLabel->setWordWrap(true);
@@ -129,9 +132,9 @@ void MainWindowController::windowDidLoad()
     restoreWindowFrame();
     // The Library folder is not one of this platform's standard folders, so it is named, not created.
     if (m_services.isSandboxed())
-        m_mobileDocumentsDirectory.reset();
+        setMobileDocumentsDirectory(std::nullopt);
     else
-        m_mobileDocumentsDirectory = QDir::homePath() + QStringLiteral("/Library/Mobile Documents");
+        setMobileDocumentsDirectory(QDir::homePath() + QStringLiteral("/Library/Mobile Documents"));
     resetOperationState();
     connectTable();
     m_backups.load();
@@ -162,9 +165,27 @@ void MainWindowController::saveWindowFrame()
 
 void MainWindowController::resetOperationState()
 {
-    m_iCloudBeingRestored = false;
-    m_iCloudBackingUp = false;
+    setICloudBeingRestored(false);
+    setICloudBackingUp(false);
     m_calculatingiCloudSize = false;
+}
+
+void MainWindowController::setICloudBackingUp(bool running)
+{
+    if (std::exchange(m_iCloudBackingUp, running) != running)
+        emit commandStatesChanged();
+}
+
+void MainWindowController::setICloudBeingRestored(bool running)
+{
+    if (std::exchange(m_iCloudBeingRestored, running) != running)
+        emit commandStatesChanged();
+}
+
+void MainWindowController::setMobileDocumentsDirectory(const std::optional<QString>& path)
+{
+    m_mobileDocumentsDirectory = path;
+    emit commandStatesChanged();
 }
 
 void MainWindowController::connectTable()
@@ -401,7 +422,7 @@ void MainWindowController::backUpNow()
         runiCloudDriveRequiredAlert();
         return;
     }
-    m_iCloudBackingUp = true;
+    setICloudBackingUp(true);
     if (calculateCountOfRunningAppsThatUseiCloud() >= 1) {
         showQuitAppsRequest(QuitAppsRequestWindowController::kBackUpTag, "windowTitleCloseAppsBeforeBackUp",
                             "btnTitleBackUpNow");
@@ -430,7 +451,7 @@ bool MainWindowController::askForHomeDirectory()
 
 void MainWindowController::useHomeDirectory(const QString& home)
 {
-    m_mobileDocumentsDirectory = HomeFolderAcquisition::mobileDocumentsDirectory(home);
+    setMobileDocumentsDirectory(HomeFolderAcquisition::mobileDocumentsDirectory(home));
     m_folderEvents->startWatchingPaths({*m_mobileDocumentsDirectory}, QThread::currentThread());
     setiCloudSize();
 }
@@ -446,7 +467,7 @@ void MainWindowController::showQuitAppsRequest(int tag, const char* windowTitleK
     const QString buttonTitle = localized(buttonTitleKey);
     request.backUpNowOrRestoreBtn()->setText(buttonTitle);
     request.cancelBtn()->setText(Localizer::cancelButtonTitle());
-    request.infoLabel()->setText(localized("formatStringCloseApps").arg(buttonTitle));
+    request.infoLabel()->setText(localized("formatStringCloseApps").arg(Localizer::plainTitle(buttonTitle)));
     QuitAppsRequestWindowController::setTag(request.backUpNowOrRestoreBtn(), tag);
     request.reloadTable();
     request.scheduleCheckAppsStateTimer();
@@ -562,7 +583,7 @@ void MainWindowController::finishBackUp()
     case BackupOperation::Ending::Canceled:
         break;
     }
-    m_iCloudBackingUp = false;
+    setICloudBackingUp(false);
     emit backUpFinished();
 }
 
@@ -622,14 +643,14 @@ void MainWindowController::restoreFromBackup()
     if (!checkRestorePreconditions(backupFolder))
         return;
     // Set before the question, so that it also covers the wait for applications to quit.
-    m_iCloudBeingRestored = true;
+    setICloudBeingRestored(true);
     if (calculateCountOfRunningAppsThatUseiCloud() >= 1) {
         showQuitAppsRequest(QuitAppsRequestWindowController::kRestoreTag, "windowTitleCloseAppsBeforeRestore",
                             "btnTitleRestore");
         return;
     }
     if (runRestoreConfirmationDlg() != AlertResponse::kFirstButton) {
-        m_iCloudBeingRestored = false;
+        setICloudBeingRestored(false);
         return;
     }
     beginRestore(backupFolder);
@@ -688,7 +709,7 @@ void MainWindowController::finishRestore()
         runNotEnoughDiskSpaceAlert(); // no backup runs, so it names the restore
     else if (!run.didEverything())
         m_alerts->runRestoreIncompleteAlert(restoreSummary(run), restoreDetails(run));
-    m_iCloudBeingRestored = false;
+    setICloudBeingRestored(false);
     emit restoreFinished();
 }
 

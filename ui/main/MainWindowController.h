@@ -86,15 +86,15 @@ public:
     void stopForQuit();
 
     bool isiCloudBackingUp() const { return m_iCloudBackingUp; }
-    void setICloudBackingUp(bool running) { m_iCloudBackingUp = running; }
+    void setICloudBackingUp(bool running);
     bool isiCloudBeingRestored() const { return m_iCloudBeingRestored; }
-    void setICloudBeingRestored(bool running) { m_iCloudBeingRestored = running; }
+    void setICloudBeingRestored(bool running);
     bool isCanceled() const { return m_lastRun && m_lastRun->isCanceled(); }
     bool isCalculatingiCloudSizeInProgress() const { return m_calculatingiCloudSize; }
     void setCalculatingiCloudSize(bool calculating) { m_calculatingiCloudSize = calculating; }
 
     const std::optional<QString>& mobileDocumentsDirectory() const { return m_mobileDocumentsDirectory; }
-    void setMobileDocumentsDirectory(const std::optional<QString>& path) { m_mobileDocumentsDirectory = path; }
+    void setMobileDocumentsDirectory(const std::optional<QString>& path);
     BackupStore& backups() { return m_backups; }
     const BackupStore& backups() const { return m_backups; }
     SCEvents* folderEvents() const { return m_folderEvents.get(); }
@@ -175,6 +175,10 @@ public:
     QLabel* copyCountsLabel() const;
 
 signals:
+    // Something a command's enabled state depends on has changed: the selection, the list of backups, a
+    // backup or restore starting or ending, or the iCloud folder becoming known. Menus re-validate then,
+    // so that a shortcut is live exactly when its command is allowed.
+    void commandStatesChanged();
     void iCloudSizeChanged();
     // A backup ended: recorded, cancelled, refused for lack of space, or stopped while counting.
     void backUpFinished();
