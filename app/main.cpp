@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <optional>
 #include <QApplication>
+#include <QIcon>
 #include <QSessionManager>
 #include <QThreadPool>
 #include <QTimer>
@@ -53,6 +54,10 @@ int main(int argc, char* argv[])
     GraphicalSession::endStartupGuard();
     QApplication::setApplicationName(QString::fromLatin1(BundleInfo::kBundleName));
     QApplication::setApplicationVersion(QString::fromLatin1(BundleInfo::kVersion));
+    // The installed desktop entry and icon (resources/desktop) go by this name; a desktop matches the
+    // windows to them through it, and an installed program finds its icon in the theme.
+    QGuiApplication::setDesktopFileName(QStringLiteral("app.pelmora.Pelmora"));
+    QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("app.pelmora.Pelmora")));
     // Closing the main window only hides it; quitting is a command of its own.
     QApplication::setQuitOnLastWindowClosed(false);
     // The parallel walks share the program's pool; a task it cannot start at once is the caller's share.
