@@ -25,20 +25,14 @@ TEST_F(MainWindowControllerTest, AFreshWindowShowsItsTextsAndMeasuresTheiCloudFo
     writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "a", 2500);
     auto controller = openWindow();
 
-    EXPECT_EQ(controller->windowTitle(), "Pelmora");
     EXPECT_EQ(controller->mobileDocumentsDirectory(), iCloudFolder());
-    EXPECT_EQ(controller->allYourBackupsLabel()->text(), text("labelAllYourBackups"));
-    EXPECT_EQ(controller->backUpNowBtn()->text(), text("btnTitleBackUp"));
-    EXPECT_EQ(controller->showInFinderBtn()->text(), text("titleShowInFinder"));
     EXPECT_EQ(controller->backupsTable()->model()->headerData(1, Qt::Horizontal).toString(),
               text("tableColumnTitleSize"));
-    EXPECT_EQ(controller->labelCurrentlyIniCloud()->text(), text("labelCurrentlyIniCloud"));
     EXPECT_EQ(streams.paths, QStringList({iCloudFolder()}));
     EXPECT_TRUE(controller->folderEvents()->isWatchingPaths());
 
     EXPECT_EQ(controller->numberOfRowsInTableView(), 0);
     EXPECT_TRUE(controller->tableViewPlaceholderLabel()->isVisible());
-    EXPECT_EQ(controller->tableViewPlaceholderLabel()->text(), text("placeholderBackupTable"));
     EXPECT_EQ(controller->lastBackupInfoLabel()->text(),
               text("labelLastBackup") + ":\n" + text("labelLastBackupDateNever"));
     EXPECT_FALSE(controller->deleteBackupBtn()->isEnabled());
@@ -100,14 +94,11 @@ TEST_F(MainWindowControllerTest, RowsShowTheRecordsInCompletionOrderWithAContext
     ASSERT_NE(menu, nullptr);
     EXPECT_EQ(controller->selectedRow(), 1);
     const QList<QAction*> items = menu->actions();
-    QStringList titles, shortcuts;
+    QStringList shortcuts;
     for (QAction* item : items) {
-        titles << item->text();
         shortcuts << item->shortcut().toString();
         EXPECT_EQ(item->data(), QVariant(1));
     }
-    EXPECT_EQ(titles, QStringList({text("contextMenuItemTitleGetInfo"), text("titleShowInFinder"),
-                                   text("btnTitleRestore"), text("btnTitleDelete")}));
     EXPECT_EQ(shortcuts, QStringList({"Ctrl+I", "Ctrl+O", "", "Del"}));
     const auto enabledItems = [&] {
         QString flags;
@@ -158,10 +149,10 @@ TEST_F(MainWindowControllerTest, TabReachesEveryButtonAndEachAnswersItsAccessKey
     EXPECT_EQ(fileManager.selected, QStringList({folder})) << "Alt+S: Show in File Manager";
 }
 
-TEST_F(MainWindowControllerTest, AFileWrittenIntoTheWatchedFolderShowsInTheSizeLabel)
+// With the platform's own stream: the size follows the folder even when it is missing at launch, is made
+// later, or is replaced by another folder.
+TEST_F(MainWindowControllerTest, TheSizeLabelFollowsTheWatchedFolderWhateverHappensAtItsPath)
 {
-    writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "a", 1000);
-    // The platform's own stream, with a latency short enough for a test.
     MainWindowController::Services withRealStream = services();
     withRealStream.streamFactory = [](const QStringList& paths, std::uint64_t since, double,
                                       EventStream::Callback callback) {
@@ -170,12 +161,23 @@ TEST_F(MainWindowControllerTest, AFileWrittenIntoTheWatchedFolderShowsInTheSizeL
     MainWindowController controller(withRealStream);
     controller.showWindow();
     ASSERT_TRUE(waitForSize(controller));
-    ASSERT_EQ(controller.labeliCloudSize()->text(), ByteCountFormatter::stringFromByteCount(1000));
+    const auto shows = [&](std::uint64_t bytes) {
+        return runEventLoopUntil(
+            [&] { return controller.labeliCloudSize()->text() == ByteCountFormatter::stringFromByteCount(bytes); });
+    };
+    EXPECT_TRUE(shows(0));
 
+    writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "a", 1000);
+    EXPECT_TRUE(shows(1000)) << "made after the launch: " << controller.labeliCloudSize()->text().toStdString();
     writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "Documents" / "new", 250000);
-    EXPECT_TRUE(runEventLoopUntil([&] {
-        return controller.labeliCloudSize()->text() == ByteCountFormatter::stringFromByteCount(251000);
-    })) << controller.labeliCloudSize()->text().toStdString();
+    EXPECT_TRUE(shows(251000)) << controller.labeliCloudSize()->text().toStdString();
+
+    writeFileOfSize(home.path() / "other" / "com~apple~CloudDocs" / "b", 4000);
+    std::filesystem::rename(iCloud(), home.path() / "before");
+    std::filesystem::rename(home.path() / "other", iCloud());
+    EXPECT_TRUE(shows(4000)) << "replaced: " << controller.labeliCloudSize()->text().toStdString();
+    writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "c", 3000);
+    EXPECT_TRUE(shows(7000)) << controller.labeliCloudSize()->text().toStdString();
 }
 
 TEST_F(MainWindowControllerTest, CountsRunningAppsWhoseIdentifierLiesInAContainerName)

@@ -49,16 +49,6 @@ protected:
 TEST_F(SCEventsTest, StartsIdleThenDrivesOneStreamWhileWatching)
 {
     EXPECT_FALSE(watcher.isWatchingPaths());
-    EXPECT_EQ(watcher.notificationLatency(), 3.0);
-    EXPECT_EQ(watcher.resumeFromEventId(), 0xFFFFFFFFFFFFFFFFull);
-    EXPECT_TRUE(watcher.ignoreEventsFromSubDirs());
-    EXPECT_EQ(watcher.delegate(), nullptr);
-    EXPECT_EQ(watcher.lastEvent(), nullptr);
-    EXPECT_EQ(watcher.watchedPaths(), nullptr);
-    EXPECT_EQ(watcher.excludedPaths(), nullptr);
-    EXPECT_EQ(watcher.runLoop(), nullptr);
-    EXPECT_EQ(watcher.eventsQueue().label(), "scevents.queue");
-    EXPECT_EQ(watcher.description(), "<SCEvents { watchedPaths = (null), excludedPaths = (null) } >");
     EXPECT_FALSE(watcher.streamDescription().has_value());
 
     // Start, the flushes and stop reach the stream only while watching, and in the platform's order.
@@ -88,8 +78,6 @@ TEST_F(SCEventsTest, StartsIdleThenDrivesOneStreamWhileWatching)
     EXPECT_EQ(*watcher.watchedPaths(), QStringList({"/a", "/b"})) << "remembered after the stop";
     EXPECT_FALSE(watcher.stopWatchingPaths());
     EXPECT_FALSE(watcher.streamDescription().has_value());
-    EXPECT_EQ(watcher.description(),
-              "<SCEvents { watchedPaths = (\n    \"/a\",\n    \"/b\"\n), excludedPaths = (null) } >");
     EXPECT_TRUE(watcher.startWatchingPaths({"/c"})) << "a stopped watcher starts again";
 }
 
@@ -164,16 +152,6 @@ TEST_F(SCEventsTest, EventsReachTheListenerUnlessExcluded)
     for (const char* path : {"/x/y/z", "/x/yz", "/x/y"})
         deliver({path});
     EXPECT_EQ(listener.paths, QStringList({"/x", "/x/y/z", "/x/yz"}));
-}
-
-TEST(SCEventTest, DescribesItselfWithASignedIdAndAnUnsignedFlagWord)
-{
-    EXPECT_EQ(SCEvent::eventWithEventId(7, QDateTime::currentDateTime(), "/a", 16)->description(),
-              "<SCEvent { eventId = 7, eventPath = /a, eventFlags = 16 } >");
-    const auto topBit = SCEvent::eventWithEventId(0xFFFFFFFFFFFFFFFFull, {}, "/%1 b",
-                                                  static_cast<std::int32_t>(0x80000000u));
-    EXPECT_EQ(static_cast<std::uint32_t>(topBit->eventFlags()), 0x80000000u);
-    EXPECT_EQ(topBit->description(), "<SCEvent { eventId = -1, eventPath = /%1 b, eventFlags = 2147483648 } >");
 }
 
 // With the platform's own stream: a change under the watched folder reaches the listener as the changed
