@@ -340,9 +340,9 @@ class Session:
         env.update(HOME=self.home, XDG_CONFIG_HOME=self.config,
                    XDG_DATA_HOME=os.path.join(self.home, ".local", "share"),
                    XDG_CACHE_HOME=os.path.join(self.home, ".cache"),
+                   # The single-instance lock lies beside the preferences and its socket in the runtime
+                   # folder, both inside this home: a Pelmora the user has open never takes this start over.
                    XDG_RUNTIME_DIR=os.path.join(self.home, "runtime"),
-                   # The single-instance socket lives in the temporary folder: a Pelmora the user has open
-                   # would otherwise take this start over and the test would drive the wrong program.
                    TMPDIR=os.path.join(self.home, "tmp"),
                    # No session bus of the user's: nothing here may reach the desktop.
                    DBUS_SESSION_BUS_ADDRESS="unix:path=" + os.path.join(self.home, "runtime", "no-bus"),
