@@ -1,4 +1,5 @@
 #include "Helpers/DirectoryUtility.h"
+
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
@@ -15,67 +16,54 @@ class FolderMeasureTest : public ::testing::Test {
 protected:
     fs::path tree() const { return home.path() / "Library" / "Mobile Documents"; }
     // As "bytes/files".
-    static std::string measured(const fs::path& folder)
+    static std::string measured(const fs::path& folder, const std::atomic<bool>* abandon = nullptr)
     {
-        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(folder);
+        const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(folder, nullptr, abandon);
         return std::to_string(measure.totalSize) + "/" + std::to_string(measure.totalFilesCount);
     }
     TestHome home;
 };
 
-TEST_F(FolderMeasureTest, CountsFilesLinksAndSpecialFilesButNotFoldersOrFinderClutter)
+// Links count by their own size (the length of their target text) and are never followed; a folder
+// named like the clutter is walked into. A measure abandoned at quit goes through nothing, on any thread.
+TEST_F(FolderMeasureTest, CountsEveryItemButFoldersAndFinderClutterByItsOwnSizeWhateverItsNameUnlessAbandoned)
 {
-    writeFileOfSize(tree() / "com~apple~CloudDocs" / "a.txt", 100);
-    writeFileOfSize(tree() / "com~apple~CloudDocs" / "sub" / "b.bin", 2000);
-    writeFileOfSize(tree() / "com~apple~CloudDocs" / ".hidden", 7);
-    writeFileOfSize(tree() / "com~apple~CloudDocs" / ".DS_Store", 6148);
-    writeFileOfSize(tree() / "iCloud~com~example~Notes" / "sub" / ".DS_Store", 10);
-    makeFolder(tree() / "iCloud~com~example~Notes" / "empty");
-    // Counted by the link's own size (the length of its target text), never followed.
-    makeSymlink("a.txt", tree() / "com~apple~CloudDocs" / "link-to-file");
-    writeFileOfSize(home.path() / "outside" / "big", 50000);
-    makeSymlink((home.path() / "outside").string(), tree() / "com~apple~CloudDocs" / "link-to-folder");
+    const fs::path outside = home.path() / "outside";
+    writeItems(tree(),
+               {"a/a.txt=" + std::string(100, 'x'), "a/sub/b.bin=" + std::string(2000, 'x'),
+                "a/.hidden=1234567", "a/.DS_Store=" + std::string(6148, 'x'), "a/link-to-file=-> a.txt",
+                "a/link-to-folder=-> " + outside.native(), "b/sub/.DS_Store=x", "b/c/d=/", "b/e/.DS_Store=x",
+                "c/.DS_Store/inside=" + std::string(42, 'x'), "d/caf\xe9.txt=12345678901",
+                "d/\xff\xfe folder/\x80=1234567890123"});
+    writeItems(home.path(), {"outside/big=" + std::string(50000, 'x'), "plain=1234567890"});
     ASSERT_EQ(::mkfifo((tree() / "fifo").c_str(), 0600), 0);
+    const std::string a = std::to_string(100 + 2000 + 7 + 5 + outside.native().size());
 
-    const std::size_t folderLinkSize = (home.path() / "outside").string().size();
-    EXPECT_EQ(measured(tree()), std::to_string(100 + 2000 + 7 + 5 + folderLinkSize + 0) + "/6");
-}
-
-TEST_F(FolderMeasureTest, OnlyItemsThatAreNotFoldersOrClutterCountWhateverTheirNames)
-{
-    writeFileOfSize(tree() / "clutter" / ".DS_Store", 6148);
-    writeFileOfSize(tree() / "clutter" / "a" / ".DS_Store", 6148);
-    makeFolder(tree() / "clutter" / "a" / "b" / "c");
-    writeFileOfSize(tree() / "named-like-clutter" / ".DS_Store" / "inside", 42); // a folder: walked into
-    writeFileOfSize(tree() / "not-utf8" / std::string("caf\xe9.txt"), 11);
-    writeFileOfSize(tree() / "not-utf8" / std::string("\xff\xfe folder") / std::string("\x80"), 13);
-    writeFileOfSize(home.path() / "plain", 10);
-
-    EXPECT_EQ(measured(tree() / "clutter"), "0/0");
-    EXPECT_EQ(measured(tree() / "named-like-clutter"), "42/1");
-    EXPECT_EQ(measured(tree() / "not-utf8"), "24/2");
-    EXPECT_EQ(measured(tree() / "nothing-here"), "0/0");
-    EXPECT_EQ(measured(home.path() / "plain"), "0/0");
+    std::string measures;
+    for (const char* folder : {"a", "b", "c", "d", "", "nothing-here", "../../plain"})
+        measures += measured(tree() / folder) + " ";
+    const std::atomic<bool> abandon{true};
+    measures += measured(tree(), &abandon);
+    EXPECT_EQ(measures, a + "/5 0/0 42/1 24/2 " + std::to_string(std::stoi(a) + 42 + 24) + "/9 0/0 0/0 0/0");
 }
 
 TEST_F(FolderMeasureTest, TreesDeeperThanPathMaxAreMeasuredCompletely)
 {
     makeFolder(tree());
-    // 2,500 levels of "dd/" is 7,500 bytes of path, well past PATH_MAX (4,096).
-    const int deepest = makeDeepChain(tree(), "dd", 2500);
-    ASSERT_GE(deepest, 0);
+    // 160 levels of 31 bytes: past PATH_MAX, and past the descriptors the walk keeps open.
+    const std::string name(30, 'd');
+    const int deepest = makeDeepChain(tree(), name.c_str(), 160);
     writeFile(fs::path("/proc/self/fd") / std::to_string(deepest) / "bottom", "1234567");
     ::close(deepest);
     // A sibling near the top is reached only after coming back up through released descriptors.
-    writeFileOfSize(tree() / "dd" / "dd" / "sibling", 3);
+    writeFile(tree() / name / name / "sibling", "123");
 
     EXPECT_EQ(measured(tree()), "10/2");
 }
 
 TEST_F(FolderMeasureTest, UnreadableFoldersArePassedOver)
 {
-    writeFileOfSize(tree() / "open" / "visible", 5);
-    writeFileOfSize(tree() / "locked" / "secret", 500);
+    writeItems(tree(), {"open/visible=12345", "locked/secret=" + std::string(500, 'x')});
     for (fs::path p = tree(); p != home.path().parent_path(); p = p.parent_path())
         ::chmod(p.c_str(), 0755);
     ::chmod((tree() / "locked").c_str(), 0);
@@ -84,24 +72,6 @@ TEST_F(FolderMeasureTest, UnreadableFoldersArePassedOver)
     if (!answer)
         GTEST_SKIP() << "cannot run a child as an unprivileged user here";
     EXPECT_EQ(*answer, "5/1");
-}
-
-TEST_F(FolderMeasureTest, AMeasureAbandonedAtQuitGoesThroughNothing)
-{
-    for (int folder = 0; folder < 8; ++folder) {
-        const fs::path sub = tree() / ("container" + std::to_string(folder)) / "sub";
-        for (int file = 0; file < 20; ++file)
-            writeFileOfSize(sub / ("f" + std::to_string(file)), 10);
-    }
-    ASSERT_EQ(measured(tree()), "1600/160");
-    const std::atomic<bool> keepCounting{false};
-    const std::atomic<bool> abandon{true};
-
-    const FolderMeasure measure = DirectoryUtility::sizeForDirectoryAtPath(tree(), &keepCounting, &abandon);
-
-    // Not one file was looked at, on any thread.
-    EXPECT_EQ(measure.totalSize, 0u);
-    EXPECT_EQ(measure.totalFilesCount, 0);
 }
 
 } // namespace

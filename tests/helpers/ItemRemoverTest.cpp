@@ -1,4 +1,5 @@
 #include "Helpers/ItemRemover.h"
+
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
@@ -12,34 +13,22 @@ using namespace TreeBuilder;
 
 namespace {
 
-TEST(ItemRemoverTest, RemovesWholeTreesWithoutFollowingLinksOut)
+TEST(ItemRemoverTest, RemovesWholeTreesOfAnyDepthWithoutFollowingLinksOutAndFailsOnceTheyAreGone)
 {
     TestHome home;
     const fs::path tree = home.path() / "backup";
-    writeFile(tree / "a" / "b" / "file", "x");
-    writeFile(tree / ".hidden" / std::string("caf\xe9"), "x");
-    writeFile(home.path() / "outside" / "keep", "precious");
-    makeSymlink((home.path() / "outside").string(), tree / "a" / "link-to-outside");
-    makeFolder(tree / "locked" / "inner");
+    writeItems(tree, {"a/b/file=x", ".hidden/caf\xe9=x",
+                      "a/link-to-outside=-> " + (home.path() / "outside").native(), "locked/inner=/"});
+    writeItems(home.path(), {"outside/keep=precious"});
     ::chmod((tree / "locked").c_str(), 0);
+    ::close(makeDeepChain(tree, "dd", 1800)); // 5,400 bytes of path, past PATH_MAX
 
-    EXPECT_FALSE(ItemRemover::removeItemAtPath(tree).has_value());
+    EXPECT_EQ(ItemRemover::removeItemAtPath(tree), std::nullopt);
     EXPECT_FALSE(fs::exists(fs::symlink_status(tree)));
-    EXPECT_EQ(readFile(home.path() / "outside" / "keep"), "precious");
-}
+    EXPECT_EQ(contents(home.path() / "outside"), (Items{"keep=precious"}));
 
-TEST(ItemRemoverTest, RemovesTreesDeeperThanPathMaxAndFailsOnceTheyAreGone)
-{
-    TestHome home;
-    const fs::path deep = home.path() / "deep";
-    makeFolder(deep);
-    ::close(makeDeepChain(deep, "dd", 1800));
-    EXPECT_FALSE(ItemRemover::removeItemAtPath(deep).has_value());
-    EXPECT_FALSE(fs::exists(deep));
-
-    const std::optional<FsError> failure = ItemRemover::removeItemAtPath(deep);
-    ASSERT_TRUE(failure.has_value());
-    EXPECT_EQ(failure->code, ENOENT);
+    const std::optional<FsError> failure = ItemRemover::removeItemAtPath(tree);
+    EXPECT_EQ(failure ? failure->code : 0, ENOENT);
 }
 
 } // namespace

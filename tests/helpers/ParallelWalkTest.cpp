@@ -1,4 +1,5 @@
 #include "Helpers/ParallelWalk.h"
+
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
@@ -6,7 +7,6 @@
 #include <atomic>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <set>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -21,6 +21,7 @@ protected:
     // Every entry as its path relative to the root, "/" added to folders; each subtree as it is handed over.
     bool walkAll(const fs::path& start)
     {
+        seen.clear();
         return ParallelWalk::walk(
             start,
             [&](const WalkEntry& entry) {
@@ -50,43 +51,36 @@ protected:
 
 TEST_F(ParallelWalkTest, EachTopLevelFolderIsWalkedOnceAndEveryEntryIsSeenOnceAlsoThroughALinkedRoot)
 {
-    writeFile(home.path() / "a-file", "x");
+    writeItems(home.path(), {"a-file=x", "outside/secret=x", "alias-of-root=-> " + root().native()});
     EXPECT_FALSE(walkAll(root()));
     EXPECT_FALSE(walkAll(home.path() / "a-file"));
     EXPECT_TRUE(seen.empty());
 
-    writeFile(root() / "top-file", "x");
-    writeFile(root() / "skipped" / "never", "x");
-    writeFile(home.path() / "outside" / "secret", "x");
-    makeSymlink((home.path() / "outside").string(), root() / "link-to-folder");
+    writeItems(root(),
+               {"top-file=x", "skipped/never=x", "link-to-folder=-> " + (home.path() / "outside").native()});
     std::multiset<std::string> expected{"top-file", "skipped/", "link-to-folder"};
     for (int i = 0; i < 12; ++i) {
         const std::string name = "container-" + std::to_string(i);
         writeFile(root() / name / "inner" / "file", "x");
         expected.insert({name + "/", "subtree " + name, name + "/inner/", name + "/inner/file"});
     }
-    makeSymlink(root().string(), home.path() / "alias-of-root");
 
-    EXPECT_TRUE(walkAll(root()));
-    EXPECT_EQ(seen, expected) << "on the calling thread alone, without a starter";
-
-    // A starter like the program's pool, and one whose pool is busy: every share is still walked once.
+    // On the calling thread alone, without a starter; with a starter like the program's pool; and with one
+    // whose pool is busy: every share is walked once.
     std::atomic<int> started = 0;
-    ParallelWalk::setStarter([&](std::function<void()> task) {
-        ++started;
-        std::thread(std::move(task)).detach();
-        return true;
-    });
-    seen.clear();
-    EXPECT_TRUE(walkAll(home.path() / "alias-of-root"));
-    EXPECT_EQ(seen, expected);
-    EXPECT_EQ(started, static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 4U)) - 1);
-
-    ParallelWalk::setStarter([](std::function<void()>) { return false; });
-    seen.clear();
-    EXPECT_TRUE(walkAll(root()));
-    EXPECT_EQ(seen, expected);
+    for (const ParallelWalk::Starter& starter :
+         {ParallelWalk::Starter(), ParallelWalk::Starter([&](std::function<void()> task) {
+              ++started;
+              std::thread(std::move(task)).detach();
+              return true;
+          }),
+          ParallelWalk::Starter([](std::function<void()>) { return false; })}) {
+        ParallelWalk::setStarter(starter);
+        EXPECT_TRUE(walkAll(home.path() / "alias-of-root"));
+        EXPECT_EQ(seen, expected);
+    }
     ParallelWalk::setStarter({});
+    EXPECT_EQ(started, static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1U, 4U)) - 1);
 }
 
 } // namespace

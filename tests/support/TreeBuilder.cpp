@@ -79,6 +79,79 @@ std::string readFile(const std::filesystem::path& file)
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+void setTimes(const std::filesystem::path& item, timespec modified)
+{
+    setTimes(item, modified, {0, UTIME_OMIT});
+}
+
+void setTimes(const std::filesystem::path& item, timespec modified, timespec accessed)
+{
+    const timespec times[2] = {accessed, modified};
+    check(::utimensat(AT_FDCWD, item.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0, "utimensat " + item.string());
+}
+
+std::string describe(const std::filesystem::path& item)
+{
+    struct stat status {};
+    if (::lstat(item.c_str(), &status) != 0)
+        return "missing";
+    const std::string common = std::to_string(status.st_mode & 07777) + " " +
+                               std::to_string(status.st_mtim.tv_sec) + "." +
+                               std::to_string(status.st_mtim.tv_nsec);
+    switch (status.st_mode & S_IFMT) {
+    case S_IFDIR:
+        return "folder " + common;
+    case S_IFLNK:
+        return "link " + common + " -> " + std::filesystem::read_symlink(item).native();
+    case S_IFREG:
+        return "file " + common + " " + readFile(item);
+    default:
+        return "other " + common;
+    }
+}
+
+std::map<std::string, std::string> snapshot(const std::filesystem::path& root)
+{
+    std::map<std::string, std::string> items;
+    for (const std::filesystem::directory_entry& entry : std::filesystem::recursive_directory_iterator(root))
+        items[entry.path().lexically_relative(root).native()] = describe(entry.path());
+    return items;
+}
+
+Items contents(const std::filesystem::path& root)
+{
+    Items items;
+    for (const std::filesystem::directory_entry& entry : std::filesystem::recursive_directory_iterator(root)) {
+        const std::filesystem::file_status status = entry.symlink_status();
+        std::string item = entry.path().lexically_relative(root).native() + "=";
+        if (std::filesystem::is_symlink(status))
+            item += "-> " + std::filesystem::read_symlink(entry.path()).native();
+        else if (std::filesystem::is_directory(status))
+            item += "/";
+        else
+            item += std::filesystem::is_regular_file(status) ? readFile(entry.path()) : "(special)";
+        items.insert(item);
+    }
+    return items;
+}
+
+void writeItems(const std::filesystem::path& root, const Items& items, std::optional<timespec> modified)
+{
+    for (const std::string& item : items) {
+        const std::size_t equals = item.find('=');
+        const std::filesystem::path path = root / item.substr(0, equals);
+        const std::string content = item.substr(equals + 1);
+        if (content == "/")
+            makeFolder(path);
+        else if (content.starts_with("-> "))
+            makeSymlink(content.substr(3), path);
+        else
+            writeFile(path, content);
+        if (modified)
+            setTimes(path, *modified);
+    }
+}
+
 int makeDeepChain(const std::filesystem::path& base, const char* name, int depth)
 {
     int fd = ::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
