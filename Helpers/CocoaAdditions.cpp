@@ -4,7 +4,8 @@
 #include <limits>
 #include <sys/statvfs.h>
 
-std::int64_t CocoaAdditions::determineFreeSpaceOnDeviceByPath(const std::filesystem::path& path, FsError* error)
+std::int64_t CocoaAdditions::determineFreeSpaceOnDeviceByPath(const std::filesystem::path& path,
+                                                              FsError* error)
 {
     struct statvfs fs {};
     if (::statvfs(path.c_str(), &fs) != 0) {

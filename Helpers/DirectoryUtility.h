@@ -8,7 +8,7 @@
 
 // Size and file count of a folder tree, as the backup list and the inspector show them.
 struct FolderMeasure {
-    std::uint64_t totalSize = 0;     // bytes of every counted item, st_size of the item itself
+    std::uint64_t totalSize = 0;      // bytes of every counted item, st_size of the item itself
     std::int32_t totalFilesCount = 0; // wraps past 2^31 - 1, like the count it mirrors
 };
 

@@ -179,8 +179,8 @@ private:
 
     void releaseShallowDescriptors()
     {
-        for (std::size_t i = 0; m_heldDescriptors > DirectoryWalker::kMaxHeldDescriptors && i + 1 < m_stack.size();
-             ++i) {
+        for (std::size_t i = 0;
+             m_heldDescriptors > DirectoryWalker::kMaxHeldDescriptors && i + 1 < m_stack.size(); ++i) {
             if (m_stack[i].fd >= 0)
                 releaseFrame(m_stack[i]);
         }
@@ -238,7 +238,8 @@ private:
 
 } // namespace
 
-bool DirectoryWalker::walk(const std::filesystem::path& root, const Visitor& visit, const ErrorHandler& onError)
+bool DirectoryWalker::walk(const std::filesystem::path& root, const Visitor& visit,
+                           const ErrorHandler& onError)
 {
     return Walk(visit, onError, root).open(AT_FDCWD, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }

@@ -11,18 +11,19 @@
 
 // One entry met by the walk. Valid only during the visitor call.
 struct WalkEntry {
-    int parentFd;        // open descriptor of the folder that holds the entry
-    const char* name;    // the entry's own name: raw bytes, not necessarily UTF-8
-    bool isDirectory;    // the entry itself, never a symbolic link's target
-    unsigned char type;  // the entry's d_type (DT_DIR, DT_LNK, DT_REG, ...), never DT_UNKNOWN
-    int depth;           // 1 for entries directly inside the root
+    int parentFd;       // open descriptor of the folder that holds the entry
+    const char* name;   // the entry's own name: raw bytes, not necessarily UTF-8
+    bool isDirectory;   // the entry itself, never a symbolic link's target
+    unsigned char type; // the entry's d_type (DT_DIR, DT_LNK, DT_REG, ...), never DT_UNKNOWN
+    int depth;          // 1 for entries directly inside the root
     // The holding folder's path relative to the root ("" for the root itself, else "a/b"), bytes as
     // they are on disk.
     const std::string& relativeFolder;
 
     std::filesystem::path relativePath() const
     {
-        return relativeFolder.empty() ? std::filesystem::path(name) : std::filesystem::path(relativeFolder) / name;
+        return relativeFolder.empty() ? std::filesystem::path(name)
+                                      : std::filesystem::path(relativeFolder) / name;
     }
 };
 
@@ -58,7 +59,8 @@ public:
     static constexpr std::size_t kMaxHeldDescriptors = 128;
 
     // Returns false when the root itself cannot be opened as a folder (the error handler is told why).
-    static bool walk(const std::filesystem::path& root, const Visitor& visit, const ErrorHandler& onError = {});
+    static bool walk(const std::filesystem::path& root, const Visitor& visit,
+                     const ErrorHandler& onError = {});
 
     // Walks the folder called `name` (one name, no "/") inside the open folder `parentFd`. It is never
     // taken through a symbolic link: one found there is refused like a file. Errors name paths relative

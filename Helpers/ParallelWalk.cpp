@@ -23,7 +23,8 @@ ParallelWalk::Starter& starter()
     return theStarter;
 }
 
-void forEachInParallel(const std::vector<std::string>& names, const std::function<void(const std::string&)>& work)
+void forEachInParallel(const std::vector<std::string>& names,
+                       const std::function<void(const std::string&)>& work)
 {
     std::atomic<std::size_t> next{0};
     auto worker = [&] {

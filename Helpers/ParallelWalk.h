@@ -25,5 +25,6 @@ public:
     // four threads, the calling one among them; a task the starter cannot start at once leaves its share
     // to the others. A link at the root is followed, as the user named that path. False when the root cannot
     // be opened as a folder.
-    static bool walk(const std::filesystem::path& root, const DirectoryWalker::Visitor& visit, const Subtree& subtree);
+    static bool walk(const std::filesystem::path& root, const DirectoryWalker::Visitor& visit,
+                     const Subtree& subtree);
 };

@@ -1,16 +1,16 @@
 #include "AppDelegate.h"
 
-#include "platform/Localizer.h"
-#include "ui/home/HomeFolderAcquisition.h"
 #include "app/MainMenu.h"
-#include "store/iCloudPrefs.h"
 #include "Helpers/BundleInfo.h"
 #include "platform/AlertPresenter.h"
+#include "platform/Localizer.h"
+#include "store/iCloudPrefs.h"
+#include "ui/home/HomeFolderAcquisition.h"
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/main/MainWindowController.h"
 
-#include <QAction>
 #include <algorithm>
+#include <QAction>
 #include <QApplication>
 #include <QDesktopServices>
 #include <QDir>
@@ -85,7 +85,8 @@ void AppDelegate::startWithHomeDirectory()
 {
     MainWindowController& controller = *m_mainWindowController;
     controller.setMobileDocumentsDirectory(HomeFolderAcquisition::mobileDocumentsDirectory(*m_homeDirectory));
-    controller.folderEvents()->startWatchingPaths({*controller.mobileDocumentsDirectory()}, QThread::currentThread());
+    controller.folderEvents()->startWatchingPaths({*controller.mobileDocumentsDirectory()},
+                                                  QThread::currentThread());
     controller.setiCloudSize();
 }
 
@@ -97,7 +98,8 @@ void AppDelegate::observeWindowClose()
 
 void AppDelegate::translateMainMenu()
 {
-    Localizer::localizeMenu(m_mainWindowController->menuBar(), QStringLiteral("MainMenu"), QStringLiteral("MainMenu"));
+    Localizer::localizeMenu(m_mainWindowController->menuBar(), QStringLiteral("MainMenu"),
+                            QStringLiteral("MainMenu"));
 }
 
 void AppDelegate::connectMainMenu()
@@ -255,7 +257,8 @@ InspectorWindowController* AppDelegate::inspectorForBackup(const BackupRecordRef
     // Beside the main window, each new one a little further, rather than wherever the system puts it; but
     // on the main window's screen, even when the main window sits at its edge.
     const int offset = 32 * static_cast<int>(m_inspectorControllers.size() % 8);
-    const QPoint besideMainWindow = m_mainWindowController->frameGeometry().topRight() + QPoint(16 + offset, offset);
+    const QPoint besideMainWindow =
+        m_mainWindowController->frameGeometry().topRight() + QPoint(16 + offset, offset);
     inspector->moveWithinScreen(besideMainWindow, m_mainWindowController->screen());
     m_inspectorControllers.push_back(std::move(inspector));
     return m_inspectorControllers.back().get();
@@ -275,7 +278,8 @@ void AppDelegate::listInspectorsInWindowMenu()
             continue;
         const std::optional<QDateTime> date = backup->backupDate();
         const QString when = date ? QLocale().toString(date->toLocalTime(), QLocale::ShortFormat) : QString();
-        auto* item = new QAction(Localizer::localizedStringForKey(QStringLiteral("menuItemTitleBackup")).arg(when), menu);
+        auto* item = new QAction(
+            Localizer::localizedStringForKey(QStringLiteral("menuItemTitleBackup")).arg(when), menu);
         InspectorWindowController* window = inspector.get();
         connect(item, &QAction::triggered, window, [window] {
             window->show();
@@ -306,11 +310,14 @@ int AppDelegate::runQuitConfirmationDlg()
 {
     const bool backingUp = m_mainWindowController->isiCloudBackingUp();
     Alert alert;
-    alert.buttons = {{Localizer::yesButtonTitle(), QStringLiteral("\r")}, {Localizer::noButtonTitle(), QStringLiteral("\033")}};
-    alert.messageText = Localizer::localizedStringForKey(backingUp ? QStringLiteral("alertiCloudIsBeingBackedUpMsg")
-                                                                   : QStringLiteral("alertiCloudIsBeingRestoredMsg"));
-    alert.informativeText = Localizer::localizedStringForKey(
-        backingUp ? QStringLiteral("alertiCloudIsBeingBackedUpInfo") : QStringLiteral("alertiCloudIsBeingRestoredInfo"));
+    alert.buttons = {{Localizer::yesButtonTitle(), QStringLiteral("\r")},
+                     {Localizer::noButtonTitle(), QStringLiteral("\033")}};
+    alert.messageText =
+        Localizer::localizedStringForKey(backingUp ? QStringLiteral("alertiCloudIsBeingBackedUpMsg")
+                                                   : QStringLiteral("alertiCloudIsBeingRestoredMsg"));
+    alert.informativeText =
+        Localizer::localizedStringForKey(backingUp ? QStringLiteral("alertiCloudIsBeingBackedUpInfo")
+                                                   : QStringLiteral("alertiCloudIsBeingRestoredInfo"));
     return m_services.alerts.runModal(alert).code;
 }
 
@@ -343,9 +350,10 @@ bool AppDelegate::applicationShouldHandleReopen()
 
 void AppDelegate::showAboutWindow()
 {
-    QMessageBox::about(m_mainWindowController.get(), QString::fromLatin1(BundleInfo::kBundleName),
-                       QStringLiteral("<b>%1</b><br>%2").arg(QString::fromLatin1(BundleInfo::kBundleName),
-                                                            QString::fromLatin1(BundleInfo::kVersion)));
+    QMessageBox::about(
+        m_mainWindowController.get(), QString::fromLatin1(BundleInfo::kBundleName),
+        QStringLiteral("<b>%1</b><br>%2")
+            .arg(QString::fromLatin1(BundleInfo::kBundleName), QString::fromLatin1(BundleInfo::kVersion)));
 }
 
 void AppDelegate::openPelmoraHomePage()

@@ -1,16 +1,16 @@
 #pragma once
 
-#include "store/BackupRecord.h"
 #include "operations/CopyOperation.h"
+#include "store/BackupRecord.h"
 #include "watch/SCEvents.h"
 
-#include <QDateTime>
-#include <QObject>
-#include <QString>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <QDateTime>
+#include <QObject>
+#include <QString>
 #include <vector>
 
 class AlertPresenter;
@@ -40,7 +40,7 @@ public:
         FileManager& fileManager;
         SCEvents::StreamFactory streamFactory = {}; // empty: the platform's stream
         std::chrono::milliseconds quitAppsCheckInterval{1000};
-        CopyOperation::Copier copier = {}; // empty: DirectoryCopier; tests wrap it to act at a chosen file
+        CopyOperation::Copier copier = {};   // empty: DirectoryCopier; tests wrap it to act at a chosen file
         std::function<QDateTime()> now = {}; // when a backup starts; empty: the wall clock
     };
 

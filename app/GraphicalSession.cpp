@@ -1,10 +1,10 @@
 #include "GraphicalSession.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <QByteArray>
 #include <QString>
 #include <QtGlobal>
-#include <cstdio>
-#include <cstdlib>
 #include <unistd.h>
 
 namespace {

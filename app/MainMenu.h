@@ -34,7 +34,8 @@ public:
     static Command commandOf(const QAction* item);
 
 private:
-    QAction* addItem(class QMenu* menu, const char* title, Command command, const class QKeySequence& shortcut);
+    QAction* addItem(class QMenu* menu, const char* title, Command command,
+                     const class QKeySequence& shortcut);
 
     QHash<Command, QAction*> m_actions;
     class QMenu* m_fileMenu = nullptr;

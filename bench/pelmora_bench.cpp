@@ -1,10 +1,9 @@
 // Exposes the engine to the benchmark scripts under bench/: one sub-command per operation.
+#include "engine/DirectoryCopier.h"
+#include "engine/RestorePreparation.h"
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/ParallelWalk.h"
-#include "store/iCloudPrefs.h"
-#include "engine/DirectoryCopier.h"
-#include "store/BackupRoot.h"
-#include "engine/RestorePreparation.h"
+#include "operations/ProgressRelay.h"
 #include "operations/RestoreOperation.h"
 #include "platform/EventStream.h"
 #include "platform/FreedesktopFileManager.h"
@@ -13,9 +12,16 @@
 #include "platform/ProcRunningApplications.h"
 #include "platform/QtFolderChooser.h"
 #include "platform/UserDefaults.h"
+#include "store/BackupRoot.h"
+#include "store/iCloudPrefs.h"
 #include "ui/main/MainWindowController.h"
-#include "operations/ProgressRelay.h"
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -24,17 +30,11 @@
 #include <QThread>
 #include <QThreadPool>
 #include <QTimer>
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <vector>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -91,13 +91,14 @@ int watch(int argc, char* argv[])
     QCoreApplication application(argc, argv);
     const QString folder = QFile::decodeName(argv[2]);
     const double latency = argc > 3 ? std::atof(argv[3]) : 3.0;
-    auto stream = EventStream::create({folder}, EventStream::kSinceNow, latency, [](const QList<StreamEvent>& batch) {
-        for (const StreamEvent& event : batch)
-            std::printf("%llu 0x%08x %s\n", static_cast<unsigned long long>(event.id), event.flags,
-                        event.nativePath.isEmpty() ? QFile::encodeName(event.path).constData()
-                                                   : event.nativePath.constData());
-        std::fflush(stdout);
-    });
+    auto stream =
+        EventStream::create({folder}, EventStream::kSinceNow, latency, [](const QList<StreamEvent>& batch) {
+            for (const StreamEvent& event : batch)
+                std::printf("%llu 0x%08x %s\n", static_cast<unsigned long long>(event.id), event.flags,
+                            event.nativePath.isEmpty() ? QFile::encodeName(event.path).constData()
+                                                       : event.nativePath.constData());
+            std::fflush(stdout);
+        });
     const long before = residentKilobytes();
     stream->scheduleWithThread(QThread::currentThread());
     if (!stream->start()) {
@@ -127,9 +128,9 @@ int uiLatency(int argc, char* argv[])
     QtFolderChooser chooser;
     PosixPasswordDatabase passwords;
     FreedesktopFileManager fileManager;
-    MainWindowController controller({defaults, runningApplications, alerts, chooser, passwords, fileManager,
-                                     [] { return false; },
-                                     [] { return std::optional<QString>(QDir::homePath()); }, [](const QString&) {}});
+    MainWindowController controller(
+        {defaults, runningApplications, alerts, chooser, passwords, fileManager, [] { return false; },
+         [] { return std::optional<QString>(QDir::homePath()); }, [](const QString&) {}});
     controller.showWindow();
     controller.setMobileDocumentsDirectory(QFile::decodeName(argv[2]));
 
@@ -179,12 +180,13 @@ int uiLatency(int argc, char* argv[])
 
     std::sort(delays.begin(), delays.end());
     auto percentile = [&](double p) {
-        return delays.empty() ? 0.0 : delays[static_cast<std::size_t>(p * static_cast<double>(delays.size() - 1))];
+        return delays.empty() ? 0.0
+                              : delays[static_cast<std::size_t>(p * static_cast<double>(delays.size() - 1))];
     };
-    std::printf("rounds=%d measure_ms=%.1f samples=%zu delay_p50_ms=%.3f delay_p99_ms=%.3f delay_max_ms=%.3f\n",
-                rounds, static_cast<double>(measuredNs) / 1e6 / rounds, delays.size(), percentile(0.5),
-                percentile(0.99),
-                delays.empty() ? 0.0 : delays.back());
+    std::printf(
+        "rounds=%d measure_ms=%.1f samples=%zu delay_p50_ms=%.3f delay_p99_ms=%.3f delay_max_ms=%.3f\n",
+        rounds, static_cast<double>(measuredNs) / 1e6 / rounds, delays.size(), percentile(0.5),
+        percentile(0.99), delays.empty() ? 0.0 : delays.back());
     return 0;
 }
 
@@ -207,7 +209,8 @@ public:
                             const std::atomic<bool>& cancel)
     {
         CopyOutcome outcome = DirectoryCopier::copyDirectoryAtPath(
-            source, destination, cancel, [this](const std::filesystem::path& copiedSource) { m_progress->post(copiedSource); });
+            source, destination, cancel,
+            [this](const std::filesystem::path& copiedSource) { m_progress->post(copiedSource); });
         QMetaObject::invokeMethod(
             QCoreApplication::instance(),
             [this] {
@@ -243,11 +246,13 @@ int copy(int argc, char* argv[])
     worker.join();
     // The scripts read the first three figures in this order.
     std::printf("copied=%llu bytes=%llu result=%s not_copied=%zu\n",
-                static_cast<unsigned long long>(copying.files), static_cast<unsigned long long>(copying.bytes),
-                outcome.finished() ? "true" : "false", outcome.notCopied.size());
+                static_cast<unsigned long long>(copying.files),
+                static_cast<unsigned long long>(copying.bytes), outcome.finished() ? "true" : "false",
+                outcome.notCopied.size());
     // The program is already running when a backup starts: this is the backup's own time, without the
     // start of this process.
-    std::fprintf(stderr, "copy_ms=%.1f\n", std::chrono::duration<double, std::milli>(ended - started).count());
+    std::fprintf(stderr, "copy_ms=%.1f\n",
+                 std::chrono::duration<double, std::milli>(ended - started).count());
     reportPeakMemory();
     return 0;
 }
@@ -273,16 +278,17 @@ int restore(int argc, char* argv[])
     run.start();
     QCoreApplication::exec();
     const bool everything = run.ending() == RestoreOperation::Ending::Restored && run.didEverything();
-    std::printf("pruned_then_copied=%d bytes=%llu result=%s not_copied=%zu trashed=%lld kept=%zu not_removed=%zu "
-                "removed_for_good=%zu\n",
-                run.currentCountOfCopiedItems(), static_cast<unsigned long long>(run.currentSizeOfCopiedItems()),
-                everything ? "true" : "false", run.notCopied().size(),
-                static_cast<long long>(run.pruning().trashed), run.pruning().kept.size(),
-                run.pruning().notRemoved.size(), run.pruning().removedForGood.size());
+    std::printf(
+        "pruned_then_copied=%d bytes=%llu result=%s not_copied=%zu trashed=%lld kept=%zu not_removed=%zu "
+        "removed_for_good=%zu\n",
+        run.currentCountOfCopiedItems(), static_cast<unsigned long long>(run.currentSizeOfCopiedItems()),
+        everything ? "true" : "false", run.notCopied().size(), static_cast<long long>(run.pruning().trashed),
+        run.pruning().kept.size(), run.pruning().notRemoved.size(), run.pruning().removedForGood.size());
     std::fprintf(stderr, "to_copy=%d to_copy_bytes=%llu\n", run.totalCountOfItemsToCopy(),
                  static_cast<unsigned long long>(run.totalSizeOfItemsToCopy()));
     const auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
-    std::fprintf(stderr, "prune_and_count_ms=%.0f copy_ms=%.0f\n", ms(prepared - started), ms(ended - prepared));
+    std::fprintf(stderr, "prune_and_count_ms=%.0f copy_ms=%.0f\n", ms(prepared - started),
+                 ms(ended - prepared));
     reportPeakMemory();
     return 0;
 }
@@ -292,7 +298,8 @@ int restore(int argc, char* argv[])
 int main(int argc, char* argv[])
 {
     // As the program does: the parallel walks share the pool.
-    ParallelWalk::setStarter([](std::function<void()> task) { return QThreadPool::globalInstance()->tryStart(std::move(task)); });
+    ParallelWalk::setStarter(
+        [](std::function<void()> task) { return QThreadPool::globalInstance()->tryStart(std::move(task)); });
     if (argc == 3 && std::strcmp(argv[1], "measure") == 0)
         return measure(argv[2]);
     if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "watch") == 0)

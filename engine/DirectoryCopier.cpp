@@ -1,8 +1,8 @@
 #include "DirectoryCopier.h"
 
+#include "engine/ItemCopier.h"
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/FolderNames.h"
-#include "engine/ItemCopier.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -361,7 +361,8 @@ private:
     // which is the same case.
     void copyItem(const Level& level, const char* name)
     {
-        if (level.destinationNames.contains(level.destinationFd, name) || DirectoryUtility::isAliasFile(level.sourceFd, name))
+        if (level.destinationNames.contains(level.destinationFd, name) ||
+            DirectoryUtility::isAliasFile(level.sourceFd, name))
             return;
         // A failed copy leaves nothing in its place, so the next run tries the item again.
         if (const std::optional<FsError> failure =

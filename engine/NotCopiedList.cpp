@@ -91,7 +91,8 @@ std::string serialized(const std::vector<FsError>& items)
 {
     std::string text = kHeader;
     for (const FsError& item : items)
-        text += std::to_string(item.code) + '\t' + escaped(item.operation) + '\t' + escaped(item.path.native()) + '\n';
+        text += std::to_string(item.code) + '\t' + escaped(item.operation) + '\t' +
+                escaped(item.path.native()) + '\n';
     return text;
 }
 

@@ -415,7 +415,8 @@ struct Tally {
 
 void countEntry(const WalkEntry& entry, CounterpartFolder& live, Tally& tally)
 {
-    if (std::strcmp(entry.name, ".DS_Store") == 0 || DirectoryUtility::isAliasFile(entry.parentFd, entry.name))
+    if (std::strcmp(entry.name, ".DS_Store") == 0 ||
+        DirectoryUtility::isAliasFile(entry.parentFd, entry.name))
         return;
     if (live.contains(entry))
         return;
@@ -450,7 +451,8 @@ void walkAlongside(const std::filesystem::path& root, const std::filesystem::pat
             if (canceled.load())
                 return;
             CounterpartFolder otherSubfolder(openSubfolder(otherRoot.get(), name));
-            DirectoryWalker::walk(rootFd, name, [&](const WalkEntry& entry) { return visit(entry, otherSubfolder); });
+            DirectoryWalker::walk(rootFd, name,
+                                  [&](const WalkEntry& entry) { return visit(entry, otherSubfolder); });
         });
 }
 
@@ -458,7 +460,8 @@ void walkAlongside(const std::filesystem::path& root, const std::filesystem::pat
 
 PruneOutcome RestorePreparation::pruneLiveFolder(const std::filesystem::path& live,
                                                  const std::filesystem::path& backup,
-                                                 const std::atomic<bool>& canceled, const PruneOptions& options)
+                                                 const std::atomic<bool>& canceled,
+                                                 const PruneOptions& options)
 {
     PruneOutcome outcome;
     const FileDescriptor backupRoot(openRoot(backup));

@@ -57,6 +57,7 @@ public:
 
     // Counts the files the copy back will create: every non-folder item of the backup, hidden ones
     // included but ".DS_Store" and aliases not, with nothing at its place in the live folder.
-    static RestoreTotals measureFilesToCopy(const std::filesystem::path& backup, const std::filesystem::path& live,
+    static RestoreTotals measureFilesToCopy(const std::filesystem::path& backup,
+                                            const std::filesystem::path& live,
                                             const std::atomic<bool>& canceled);
 };

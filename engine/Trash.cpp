@@ -84,7 +84,7 @@ std::string percentEncoded(const std::string& bytes)
 std::string deletionDate()
 {
     const std::time_t now = std::time(nullptr);
-    std::tm local {};
+    std::tm local{};
     ::localtime_r(&now, &local);
     char text[32];
     std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
@@ -284,7 +284,7 @@ std::unique_ptr<Trash::Place> Trash::makeHomePlace(dev_t device)
 }
 
 std::unique_ptr<Trash::Place> Trash::makeTopDirectoryPlace(int parentFd, dev_t device,
-                                                          const std::filesystem::path& originalPath)
+                                                           const std::filesystem::path& originalPath)
 {
     auto place = std::make_unique<Place>();
     // The top directory is the last folder on the way up through ".." that is still on the item's

@@ -55,5 +55,5 @@ private:
     uid_t m_uid;
     std::mutex m_mutex;
     std::optional<std::optional<dev_t>> m_homeDevice; // looked up once; inner nothing: no such volume
-    std::map<dev_t, std::unique_ptr<Place>> m_places;  // never erased: callers keep references
+    std::map<dev_t, std::unique_ptr<Place>> m_places; // never erased: callers keep references
 };

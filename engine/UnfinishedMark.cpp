@@ -1,7 +1,7 @@
 #include "UnfinishedMark.h"
 
-#include "Helpers/ItemRemover.h"
 #include "engine/NotCopiedList.h"
+#include "Helpers/ItemRemover.h"
 
 #include <cerrno>
 #include <dirent.h>

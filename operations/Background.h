@@ -17,7 +17,7 @@
 // Not QFuture::then with a context: on Qt 6.4 a continuation attached to a future that is already
 // finished can run before the caller has returned, and callers rely on their own next step (a cancel,
 // say) coming first.
-template <typename Work, typename Then>
+template<typename Work, typename Then>
 void runInBackground(QObject* context, Work work, Then then)
 {
     QPointer<QObject> guard(context);
@@ -35,7 +35,7 @@ void runInBackground(QObject* context, Work work, Then then)
 }
 
 // Work whose result nobody waits for, on the same pool.
-template <typename Work>
+template<typename Work>
 void runInBackground(Work work)
 {
     QThreadPool::globalInstance()->start(std::move(work));

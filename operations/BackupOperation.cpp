@@ -1,14 +1,14 @@
 #include "BackupOperation.h"
 
+#include "engine/NotCopiedList.h"
+#include "engine/UnfinishedMark.h"
 #include "Helpers/CocoaAdditions.h"
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/ItemRemover.h"
-#include "engine/NotCopiedList.h"
-#include "engine/UnfinishedMark.h"
 #include "operations/Logging.h"
 
-#include <QFile>
 #include <cerrno>
+#include <QFile>
 #include <sys/stat.h>
 
 namespace {
@@ -29,8 +29,8 @@ bool isOutOfSpace(int code)
 
 } // namespace
 
-BackupOperation::BackupOperation(std::filesystem::path source, QDateTime start, QString backupFolder, Copier copier,
-                                 QObject* parent)
+BackupOperation::BackupOperation(std::filesystem::path source, QDateTime start, QString backupFolder,
+                                 Copier copier, QObject* parent)
     : CopyOperation(std::move(copier), parent)
     , m_source(std::move(source))
     , m_start(std::move(start))
@@ -166,7 +166,8 @@ void BackupOperation::abandonAndRemoveFolder(std::chrono::milliseconds wait, boo
 {
     abandon();
     if (!waitForWorkers(wait))
-        qCInfo(lcBackup) << "the copy had not stopped after" << wait.count() << "ms; removing its folder anyway";
+        qCInfo(lcBackup) << "the copy had not stopped after" << wait.count()
+                         << "ms; removing its folder anyway";
     if (!recorded)
         removeFolder();
 }

@@ -3,11 +3,11 @@
 #include "Helpers/FsError.h"
 #include "operations/CopyOperation.h"
 
-#include <QDateTime>
-#include <QString>
 #include <chrono>
 #include <filesystem>
 #include <optional>
+#include <QDateTime>
+#include <QString>
 #include <vector>
 
 // One back-up run: counts the iCloud folder, checks that both the iCloud folder's volume and the backup
@@ -23,11 +23,11 @@ class BackupOperation : public CopyOperation {
 public:
     enum class Ending {
         Running,
-        Copied,            // the folder is complete; notCopied() may list items left out
-        CanceledCounting,  // nothing was written
-        Canceled,          // the folder this run made is gone again
-        NotEnoughSpace,    // found before copying, or met by the copy (whose folder is then gone)
-        Failed,            // the folder could not be made or its list kept: folderError() says why
+        Copied,           // the folder is complete; notCopied() may list items left out
+        CanceledCounting, // nothing was written
+        Canceled,         // the folder this run made is gone again
+        NotEnoughSpace,   // found before copying, or met by the copy (whose folder is then gone)
+        Failed,           // the folder could not be made or its list kept: folderError() says why
     };
 
     BackupOperation(std::filesystem::path source, QDateTime start, QString backupFolder, Copier copier = {},

@@ -2,10 +2,10 @@
 
 #include "operations/ProgressRelay.h"
 
+#include <cstring>
 #include <QFile>
 #include <QSemaphore>
 #include <QStringList>
-#include <cstring>
 #include <sys/stat.h>
 
 CopyOperation::CopyOperation(Copier copier, QObject* parent)
@@ -55,9 +55,9 @@ void CopyOperation::startCopy(const std::filesystem::path& source, const std::fi
     emit copyingStarted();
     inBackground<CopyOutcome>(
         [copier, source, destination, cancelCopy, abandon, progress] {
-            return copier(source, destination, *cancelCopy,
-                          [&progress](const std::filesystem::path& copied) { progress->post(copied); },
-                          abandon.get());
+            return copier(
+                source, destination, *cancelCopy,
+                [&progress](const std::filesystem::path& copied) { progress->post(copied); }, abandon.get());
         },
         // Every update of this copy is applied before its end.
         [this, progress](CopyOutcome outcome) {
@@ -86,7 +86,8 @@ QString CopyOperation::describeItems(const std::vector<FsError>& items)
     QStringList lines;
     lines.reserve(static_cast<qsizetype>(items.size()));
     for (const FsError& item : items)
-        lines << QStringLiteral("%1: %2").arg(item.path.empty() ? QStringLiteral(".") : QFile::decodeName(item.path.c_str()),
+        lines << QStringLiteral("%1: %2").arg(item.path.empty() ? QStringLiteral(".")
+                                                                : QFile::decodeName(item.path.c_str()),
                                               QString::fromLocal8Bit(std::strerror(item.code)));
     return lines.join(QLatin1Char('\n'));
 }

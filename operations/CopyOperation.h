@@ -2,18 +2,17 @@
 
 #include "engine/CopyOutcome.h"
 #include "engine/DirectoryCopier.h"
-
 #include "operations/Background.h"
 
-#include <QObject>
-#include <QSemaphore>
-#include <QString>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <QObject>
+#include <QSemaphore>
+#include <QString>
 #include <vector>
 
 // What a back-up run and a restore run have in common: the counters the progress window shows, the
@@ -63,7 +62,7 @@ protected:
     void setTotals(std::uint64_t size, std::int32_t count);
     // Runs `work` on a pool thread; `then` gets its result on this object's thread, unless this object
     // is gone by then.
-    template <typename Result>
+    template<typename Result>
     void inBackground(std::function<Result()> work, std::function<void(Result)> then);
     void startCopy(const std::filesystem::path& source, const std::filesystem::path& destination);
     virtual void copyEnded(const CopyOutcome& outcome) = 0;
@@ -92,7 +91,7 @@ private:
     bool m_ended = false;
 };
 
-template <typename Result>
+template<typename Result>
 inline void CopyOperation::inBackground(std::function<Result()> work, std::function<void(Result)> then)
 {
     workerStarted();

@@ -6,7 +6,8 @@
 #include <QTimer>
 #include <utility>
 
-std::shared_ptr<ProgressRelay> ProgressRelay::create(QObject* context, Apply apply, std::chrono::milliseconds delay)
+std::shared_ptr<ProgressRelay> ProgressRelay::create(QObject* context, Apply apply,
+                                                     std::chrono::milliseconds delay)
 {
     return std::shared_ptr<ProgressRelay>(new ProgressRelay(context, std::move(apply), delay));
 }

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <QPointer>
 #include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <QPointer>
 #include <vector>
 
 class QObject;

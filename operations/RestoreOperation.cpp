@@ -1,8 +1,8 @@
 #include "RestoreOperation.h"
 
-#include "Helpers/CocoaAdditions.h"
 #include "engine/NotCopiedList.h"
 #include "engine/Trash.h"
+#include "Helpers/CocoaAdditions.h"
 
 #include <memory>
 

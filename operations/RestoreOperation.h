@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Helpers/FsError.h"
 #include "engine/RestorePreparation.h"
+#include "Helpers/FsError.h"
 #include "operations/CopyOperation.h"
 
 #include <filesystem>
@@ -19,7 +19,7 @@ class RestoreOperation : public CopyOperation {
 public:
     enum class Ending {
         Running,
-        Restored,        // ran to its end; didEverything() tells whether anything was left undone
+        Restored, // ran to its end; didEverything() tells whether anything was left undone
         Canceled,
         BackupUnreadable, // nothing was touched
         NotEnoughSpace,   // found before the copy
@@ -28,8 +28,8 @@ public:
 
     // `trashHome` is the user's data folder, whose Trash takes what the pruning removes; empty: pruned
     // items are removed for good.
-    RestoreOperation(std::filesystem::path backup, std::filesystem::path live, std::filesystem::path trashHome,
-                     Copier copier = {}, QObject* parent = nullptr);
+    RestoreOperation(std::filesystem::path backup, std::filesystem::path live,
+                     std::filesystem::path trashHome, Copier copier = {}, QObject* parent = nullptr);
 
     void start();
 

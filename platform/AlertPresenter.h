@@ -23,7 +23,7 @@ struct Alert {
 
 struct AlertResponse {
     static constexpr int kFirstButton = 1000;
-    int code = kFirstButton;        // 1000 for the first button, 1001 for the second, ...
+    int code = kFirstButton; // 1000 for the first button, 1001 for the second, ...
     bool suppressionChecked = false;
 };
 

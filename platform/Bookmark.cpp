@@ -56,7 +56,8 @@ std::optional<std::filesystem::path> Bookmark::resolve(const std::string& data)
     if (folder.native().find('\0') != std::string::npos || !folder.is_absolute())
         return std::nullopt;
     std::optional<struct stat> st = folderStatus(folder);
-    if (!st || static_cast<std::uint64_t>(st->st_dev) != device || static_cast<std::uint64_t>(st->st_ino) != inode)
+    if (!st || static_cast<std::uint64_t>(st->st_dev) != device ||
+        static_cast<std::uint64_t>(st->st_ino) != inode)
         return std::nullopt;
     return folder;
 }

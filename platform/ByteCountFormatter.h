@@ -1,8 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <QLocale>
 #include <QString>
-#include <cstdint>
 
 // Sizes as file managers show them: decimal units (1 kB = 1000 bytes) in the user's locale.
 class ByteCountFormatter {

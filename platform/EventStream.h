@@ -1,12 +1,12 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
+#include <memory>
 #include <QByteArray>
 #include <QList>
 #include <QString>
 #include <QStringList>
-#include <cstdint>
-#include <functional>
-#include <memory>
 
 class QThread;
 
@@ -16,8 +16,8 @@ namespace EventStreamFlags {
 inline constexpr std::uint32_t kNone = 0x00000000;
 inline constexpr std::uint32_t kMustScanSubDirs = 0x00000001; // events were lost: rescan the whole path
 inline constexpr std::uint32_t kUserDropped = 0x00000002;
-inline constexpr std::uint32_t kKernelDropped = 0x00000004;   // the kernel's queue overflowed
-inline constexpr std::uint32_t kRootChanged = 0x00000020;     // a root left its path, or a folder came there
+inline constexpr std::uint32_t kKernelDropped = 0x00000004; // the kernel's queue overflowed
+inline constexpr std::uint32_t kRootChanged = 0x00000020;   // a root left its path, or a folder came there
 } // namespace EventStreamFlags
 
 struct StreamEvent {

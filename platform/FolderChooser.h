@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QString>
 #include <optional>
+#include <QString>
 
 // A modal folder chooser: one folder, no files, no creating folders. Tests script the answer.
 class FolderChooser {

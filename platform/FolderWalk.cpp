@@ -25,7 +25,10 @@ public:
         return m_visitor.enterFolder(fd, pathOf(relativeFolder));
     }
 
-    void leaveFolder(const std::string& relativeFolder) override { m_visitor.leaveFolder(pathOf(relativeFolder)); }
+    void leaveFolder(const std::string& relativeFolder) override
+    {
+        m_visitor.leaveFolder(pathOf(relativeFolder));
+    }
 
     WalkAction visitEntry(const WalkEntry& entry)
     {

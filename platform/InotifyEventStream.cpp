@@ -1,16 +1,16 @@
 #include "InotifyEventStream.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
 #include <QFile>
 #include <QLoggingCategory>
 #include <QObject>
 #include <QSocketNotifier>
 #include <QThread>
 #include <QTimer>
-#include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstring>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,12 +21,12 @@ namespace {
 // Off by default, like the program's other categories: QT_LOGGING_RULES="pelmora.*.info=true" shows it.
 Q_LOGGING_CATEGORY(lcWatch, "pelmora.watch", QtWarningMsg)
 
-constexpr std::uint32_t kContentEvents
-    = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE;
+constexpr std::uint32_t kContentEvents =
+    IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE;
 constexpr std::uint32_t kSelfEvents = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT;
 // IN_EXCL_UNLINK: a file deleted while still open would otherwise go on reporting its writes.
-constexpr std::uint32_t kWatchMask
-    = kContentEvents | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
+constexpr std::uint32_t kWatchMask =
+    kContentEvents | IN_DELETE_SELF | IN_MOVE_SELF | IN_EXCL_UNLINK | IN_ONLYDIR;
 constexpr std::size_t kReadBufferSize = 64 * 1024;
 // A storm of events must not starve the rest of the loop: the notifier comes back for the remainder.
 constexpr int kReadsPerWakeUp = 16;
@@ -86,9 +86,8 @@ std::unique_ptr<InotifyEventStream> InotifyEventStream::create(const QStringList
     return create(paths, latencySeconds, std::move(callback), Limits{});
 }
 
-std::unique_ptr<InotifyEventStream> InotifyEventStream::create(const QStringList& paths,
-                                                               double latencySeconds, Callback callback,
-                                                               Limits limits)
+std::unique_ptr<InotifyEventStream>
+InotifyEventStream::create(const QStringList& paths, double latencySeconds, Callback callback, Limits limits)
 {
     const int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd < 0)
@@ -102,9 +101,8 @@ InotifyEventStream::InotifyEventStream(int fd, const QStringList& paths, double 
     : ScheduledEventStream(paths, latencySeconds, std::move(callback))
     , m_fd(fd)
     , m_limits(limits)
-    , m_pollInterval(limits.pollInterval.count() > 0
-                         ? limits.pollInterval
-                         : PollingEventStream::intervalForLatency(latencySeconds))
+    , m_pollInterval(limits.pollInterval.count() > 0 ? limits.pollInterval
+                                                     : PollingEventStream::intervalForLatency(latencySeconds))
     , m_buffer(kReadBufferSize)
 {
     for (const std::string& path : rootPaths())
@@ -208,10 +206,9 @@ QString InotifyEventStream::coverageDescription() const
     }
     if (m_unwatchedFolders == 0)
         return text;
-    return text
-           + QStringLiteral("; %1 folders not watched (one of them: \"%2\"): %3")
-                 .arg(m_unwatchedFolders)
-                 .arg(qtPath(m_unwatchedExample), reasonText(m_unwatchedError));
+    return text + QStringLiteral("; %1 folders not watched (one of them: \"%2\"): %3")
+                      .arg(m_unwatchedFolders)
+                      .arg(qtPath(m_unwatchedExample), reasonText(m_unwatchedError));
 }
 
 bool InotifyEventStream::enterFolder(int fd, const std::string& path)
@@ -328,8 +325,8 @@ void InotifyEventStream::handleAncestorEvent(const inotify_event& event)
             continue;
         // The folder waited in went itself (a root is then looked for from further up), or the name
         // waited for came.
-        const bool arrived = (event.mask & (IN_CREATE | IN_MOVED_TO)) && event.len != 0
-                             && root.awaitedName == event.name;
+        const bool arrived =
+            (event.mask & (IN_CREATE | IN_MOVED_TO)) && event.len != 0 && root.awaitedName == event.name;
         if (arrived || (event.mask & kSelfEvents))
             followRoot(root, true);
     }
@@ -431,9 +428,9 @@ int InotifyEventStream::awaitRoot(Root& root)
     int error = ENOENT;
     while (below != "/") {
         const std::string folder = parentOf(below);
-        const bool held = m_watchByPath.count(folder) != 0
-                          || std::any_of(m_roots.begin(), m_roots.end(),
-                                         [&](const Root& other) { return other.ancestor == folder; });
+        const bool held = m_watchByPath.count(folder) != 0 ||
+                          std::any_of(m_roots.begin(), m_roots.end(),
+                                      [&](const Root& other) { return other.ancestor == folder; });
         int wd = -1;
         if (atWatchLimit() && !held) {
             errno = ENOSPC;

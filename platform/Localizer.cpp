@@ -1,5 +1,6 @@
 #include "Localizer.h"
 
+#include <memory>
 #include <QAction>
 #include <QCoreApplication>
 #include <QLibraryInfo>
@@ -8,7 +9,6 @@
 #include <QTimer>
 #include <QTranslator>
 #include <QWidget>
-#include <memory>
 
 namespace {
 
@@ -90,7 +90,8 @@ QString userLanguageString(const QString& key, const QString& table, const QStri
     }
     if (!s.userTable)
         return missing;
-    const QString text = s.userTable->translate(tableContext(table).toUtf8().constData(), key.toUtf8().constData());
+    const QString text =
+        s.userTable->translate(tableContext(table).toUtf8().constData(), key.toUtf8().constData());
     return text.isEmpty() ? missing : text;
 }
 
@@ -141,7 +142,8 @@ QString Localizer::nonlocalizedStringForKey(const QString& key, const QString& t
     const QTranslator* native = nativBundle();
     if (!native)
         return key;
-    const QString text = native->translate(tableContext(table).toUtf8().constData(), key.toUtf8().constData());
+    const QString text =
+        native->translate(tableContext(table).toUtf8().constData(), key.toUtf8().constData());
     return text.isEmpty() ? key : text;
 }
 

@@ -2,9 +2,9 @@
 
 #include "Helpers/BundleInfo.h"
 
+#include <chrono>
 #include <QString>
 #include <QStringList>
-#include <chrono>
 
 class QAction;
 class QTranslator;
@@ -26,10 +26,11 @@ public:
 
     struct Resources {
         QString directory = QStringLiteral(":/i18n");
-        QString baseName = QStringLiteral("pelmora");          // files are <baseName>_<language>.qm
+        QString baseName = QStringLiteral("pelmora"); // files are <baseName>_<language>.qm
         QString developmentLocalization = QString::fromLatin1(BundleInfo::kDevelopmentLocalization);
-        QStringList userLanguages;                             // empty: the system's UI languages
-        QString bundleName = QString::fromLatin1(BundleInfo::kBundleName); // stands in for the "Apple" menu title
+        QStringList userLanguages; // empty: the system's UI languages
+        QString bundleName =
+            QString::fromLatin1(BundleInfo::kBundleName); // stands in for the "Apple" menu title
         std::chrono::milliseconds nativeBundleLifetime{5000};
     };
     // Where the tables are and which languages the user reads. The program keeps the defaults; tests

@@ -50,7 +50,8 @@ AlertResponse MessageBoxAlertPresenter::runModal(const Alert& alert)
     const qsizetype index = buttons.indexOf(qobject_cast<QPushButton*>(box.clickedButton()));
     // Closing the box without a button counts as its escape button, else as the last one.
     response.code = AlertResponse::kFirstButton +
-                    static_cast<int>(index >= 0 ? index : buttons.indexOf(qobject_cast<QPushButton*>(box.escapeButton())));
+                    static_cast<int>(
+                        index >= 0 ? index : buttons.indexOf(qobject_cast<QPushButton*>(box.escapeButton())));
     if (index < 0 && !box.escapeButton())
         response.code = AlertResponse::kFirstButton + static_cast<int>(buttons.size()) - 1;
     response.suppressionChecked = box.checkBox() && box.checkBox()->isChecked();

@@ -1,14 +1,14 @@
 #include "PollingEventStream.h"
 
-#include <QFile>
-#include <QObject>
-#include <QThread>
-#include <QTimer>
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <QFile>
+#include <QObject>
+#include <QThread>
+#include <QTimer>
 #include <sys/stat.h>
 
 namespace {
@@ -92,9 +92,8 @@ void PollingEventStream::Snapshot::add(const std::string& root, Changed changed)
 void PollingEventStream::Snapshot::forget(const std::string& root)
 {
     const std::string inside = root == "/" ? root : root + '/';
-    std::erase_if(m_signatures, [&](const auto& entry) {
-        return entry.first == root || entry.first.starts_with(inside);
-    });
+    std::erase_if(m_signatures,
+                  [&](const auto& entry) { return entry.first == root || entry.first.starts_with(inside); });
 }
 
 void PollingEventStream::Snapshot::clear()
@@ -267,8 +266,8 @@ void PollingEventStream::scanRoot(Root& root, bool report)
 {
     struct stat status {};
     const bool present = ::stat(root.path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-    const bool replaced
-        = present && root.present && (status.st_dev != root.device || status.st_ino != root.inode);
+    const bool replaced =
+        present && root.present && (status.st_dev != root.device || status.st_ino != root.inode);
     if (report && (present != root.present || replaced))
         noteChange(root.path, EventStreamFlags::kRootChanged);
     root.present = present;

@@ -13,7 +13,8 @@ std::optional<std::string> PosixPasswordDatabase::homeDirectoryOfUser(uid_t uid)
     struct passwd* found = nullptr;
     int rc = 0;
     // getpwuid_r instead of getpwuid: the result must not live in storage another thread can overwrite.
-    while ((rc = ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found)) == ERANGE && buffer.size() < (1u << 20))
+    while ((rc = ::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found)) == ERANGE &&
+           buffer.size() < (1u << 20))
         buffer.resize(buffer.size() * 2);
     if (rc != 0 || !found || !found->pw_dir)
         return std::nullopt;

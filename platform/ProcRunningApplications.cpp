@@ -2,6 +2,12 @@
 
 #include "Helpers/FileDescriptor.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <dirent.h>
+#include <fcntl.h>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDir>
@@ -9,12 +15,6 @@
 #include <QFileInfo>
 #include <QLocale>
 #include <QStandardPaths>
-#include <algorithm>
-#include <cerrno>
-#include <charconv>
-#include <climits>
-#include <dirent.h>
-#include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -2,10 +2,10 @@
 
 #include "platform/RunningApplications.h"
 
-#include <QHash>
-#include <QStringList>
 #include <map>
 #include <optional>
+#include <QHash>
+#include <QStringList>
 #include <sys/types.h>
 
 // The user's running applications as Linux shows them: processes read from /proc, named and drawn from

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <optional>
 #include <QIcon>
 #include <QList>
 #include <QString>
-#include <optional>
 #include <sys/types.h>
 
 struct RunningApplication {

@@ -1,5 +1,7 @@
 #include "ScheduledEventStream.h"
 
+#include <algorithm>
+#include <cmath>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -7,8 +9,6 @@
 #include <QObject>
 #include <QThread>
 #include <QTimer>
-#include <algorithm>
-#include <cmath>
 #include <utility>
 
 namespace {
@@ -284,8 +284,8 @@ QString ScheduledEventStream::describe() const
     for (const QString& path : m_paths)
         quoted << QStringLiteral("\"%1\"").arg(path);
     const QString state = m_state == State::Running ? QStringLiteral("running")
-                          : m_state == State::Idle ? QStringLiteral("stopped")
-                                                   : QStringLiteral("invalidated");
+                          : m_state == State::Idle  ? QStringLiteral("stopped")
+                                                    : QStringLiteral("invalidated");
     return QStringLiteral("%1 event stream { state = %2, latency = %3 s, scheduled = %4, pending = %5, "
                           "paths = (%6) }: %7")
         .arg(backendName(), state, QString::number(m_latencyMs / 1000.0),

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QObject>
 #include <memory>
+#include <QObject>
 
 class QSocketNotifier;
 

@@ -2,6 +2,9 @@
 
 #include "Helpers/BundleInfo.h"
 
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -10,10 +13,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QStandardPaths>
-
-#include <cerrno>
-#include <fcntl.h>
-#include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -79,7 +78,8 @@ int probeFolder(const QByteArray& folder, const QByteArray& fileName, qint64 byt
     const QByteArray block(bytes, '\n');
     qsizetype done = 0;
     while (error == 0 && done < block.size()) {
-        const ssize_t written = ::write(fd, block.constData() + done, static_cast<size_t>(block.size() - done));
+        const ssize_t written =
+            ::write(fd, block.constData() + done, static_cast<size_t>(block.size() - done));
         if (written < 0 && errno != EINTR)
             error = errno;
         else if (written == 0)
@@ -199,8 +199,8 @@ bool UserDefaults::flush()
         return true;
     }
     const int cause = writeObstacle(m_filePath);
-    m_lastWriteFailure = WriteFailure{
-        m_filePath, cause != 0 ? qt_error_string(cause) : QStringLiteral("The file could not be saved")};
+    m_lastWriteFailure = WriteFailure{m_filePath, cause != 0 ? qt_error_string(cause)
+                                                             : QStringLiteral("The file could not be saved")};
     if (m_writeFailureObserver)
         m_writeFailureObserver(*m_lastWriteFailure);
     return false;
@@ -234,8 +234,8 @@ std::optional<QByteArray> UserDefaults::dataForKey(const QString& key) const
     const QVariant stored = objectForKey(key);
     if (stored.typeId() != QMetaType::QString)
         return std::nullopt;
-    auto decoded = QByteArray::fromBase64Encoding(stored.toString().toLatin1(),
-                                                  QByteArray::AbortOnBase64DecodingErrors);
+    auto decoded =
+        QByteArray::fromBase64Encoding(stored.toString().toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
     if (!decoded)
         return std::nullopt;
     return decoded.decoded;

@@ -1,12 +1,12 @@
 #pragma once
 
+#include <functional>
+#include <memory>
+#include <optional>
 #include <QByteArray>
 #include <QSettings>
 #include <QString>
 #include <QVariant>
-#include <functional>
-#include <memory>
-#include <optional>
 
 // The per-user preferences store: a QSettings file in a JSON format of its own (typed values, readable by
 // a person), with built-in defaults answered from memory and never written.

@@ -1,15 +1,16 @@
 #include "BackupRecord.h"
 
-#include <QVariantMap>
 #include <cmath>
 #include <limits>
+#include <QVariantMap>
 
 BackupRecord::BackupRecord(QVariant stored)
     : m_stored(std::move(stored))
 {
 }
 
-BackupRecordRef BackupRecord::make(const QDateTime& backupDate, const QString& backupFolder, qint64 backupSize)
+BackupRecordRef BackupRecord::make(const QDateTime& backupDate, const QString& backupFolder,
+                                   qint64 backupSize)
 {
     QVariantMap stored{{kBackupDateKey, storedDate(backupDate)},
                        {kBackupFolderKey, backupFolder},

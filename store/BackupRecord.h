@@ -1,10 +1,10 @@
 #pragma once
 
+#include <memory>
+#include <optional>
 #include <QDateTime>
 #include <QString>
 #include <QVariant>
-#include <memory>
-#include <optional>
 
 class BackupRecord;
 // Records are shared, never copied: the same object stands for one backup for the whole run, so an

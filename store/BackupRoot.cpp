@@ -33,8 +33,9 @@ QString BackupRoot::folderPath(const QDateTime& start, const QLocale& locale)
 
 bool BackupRoot::isRemovableBackupFolder(const QString& folder)
 {
-    static const QRegularExpression backupName(QStringLiteral("^\\d{4}\\.\\d{2}\\.\\d{2}-\\d{2}\\.\\d{2}\\.\\d{2}$"),
-                                               QRegularExpression::UseUnicodePropertiesOption);
+    static const QRegularExpression backupName(
+        QStringLiteral("^\\d{4}\\.\\d{2}\\.\\d{2}-\\d{2}\\.\\d{2}\\.\\d{2}$"),
+        QRegularExpression::UseUnicodePropertiesOption);
     const QFileInfo info(QDir::cleanPath(folder));
     if (!backupName.match(info.fileName()).hasMatch())
         return false;

@@ -1,7 +1,7 @@
 #include "BackupStore.h"
 
-#include "store/iCloudPrefs.h"
 #include "platform/UserDefaults.h"
+#include "store/iCloudPrefs.h"
 
 BackupStore::BackupStore(UserDefaults& defaults)
     : m_defaults(defaults)

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <QDateTime>
-#include <QString>
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <QDateTime>
+#include <QString>
 
 // The record of one folder change handed to a watcher's listener. The date and the path may be read on
 // one thread while another sets them: each is swapped whole, never seen half-written.
@@ -12,7 +12,8 @@ class SCEvent {
 public:
     static std::shared_ptr<SCEvent> eventWithEventId(std::uint64_t eventId, const QDateTime& eventDate,
                                                      const QString& eventPath, std::int32_t eventFlags);
-    SCEvent(std::uint64_t eventId, const QDateTime& eventDate, const QString& eventPath, std::int32_t eventFlags);
+    SCEvent(std::uint64_t eventId, const QDateTime& eventDate, const QString& eventPath,
+            std::int32_t eventFlags);
 
     std::uint64_t eventId() const { return m_eventId; }
     void setEventId(std::uint64_t eventId) { m_eventId = eventId; }

@@ -1,13 +1,13 @@
 #pragma once
 
-#include "SCEvent.h"
 #include "platform/EventStream.h"
+#include "SCEvent.h"
 #include "watch/SerialQueue.h"
 
-#include <QStringList>
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <QStringList>
 
 class QThread;
 class SCEvents;
@@ -26,8 +26,9 @@ public:
 // whole, so another thread may set them at any time.
 class SCEvents {
 public:
-    using StreamFactory = std::function<std::unique_ptr<EventStream>(
-        const QStringList& paths, std::uint64_t sinceWhen, double latencySeconds, EventStream::Callback callback)>;
+    using StreamFactory =
+        std::function<std::unique_ptr<EventStream>(const QStringList& paths, std::uint64_t sinceWhen,
+                                                   double latencySeconds, EventStream::Callback callback)>;
 
     SCEvents();
     // Tests hand in their own streams; the program uses EventStream::create.
@@ -53,7 +54,10 @@ public:
     std::shared_ptr<const QStringList> watchedPaths() const { return m_watchedPaths.load(); }
     void setWatchedPaths(std::shared_ptr<const QStringList> paths) { m_watchedPaths.store(std::move(paths)); }
     std::shared_ptr<const QStringList> excludedPaths() const { return m_excludedPaths.load(); }
-    void setExcludedPaths(std::shared_ptr<const QStringList> paths) { m_excludedPaths.store(std::move(paths)); }
+    void setExcludedPaths(std::shared_ptr<const QStringList> paths)
+    {
+        m_excludedPaths.store(std::move(paths));
+    }
 
     // On the calling thread's event loop.
     bool startWatchingPaths(const QStringList& paths);

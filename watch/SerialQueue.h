@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QString>
 #include <mutex>
+#include <QString>
 #include <utility>
 
 // A private serial queue with synchronous dispatch only: the body runs on the caller's thread while the

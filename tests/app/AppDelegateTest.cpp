@@ -1,22 +1,23 @@
 #include "app/AppDelegate.h"
+
 #include "app/MainMenu.h"
-#include "store/BackupRoot.h"
 #include "engine/UnfinishedMark.h"
 #include "platform/SingleInstance.h"
 #include "platform/TerminationSignals.h"
-#include "support/MainWindowFixture.h"
+#include "store/BackupRoot.h"
 #include "support/Keyboard.h"
+#include "support/MainWindowFixture.h"
 #include "support/PausingCopier.h"
 #include "support/SecondStart.h"
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
+#include <csignal>
 #include <QAction>
 #include <QApplication>
 #include <QMenu>
 #include <QScreen>
 #include <QTableWidget>
-#include <csignal>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -237,7 +238,8 @@ TEST_F(AppDelegateTest, OneInspectorPerBackupListingItsContainersForgottenWhenIt
     QStringList titles;
     for (QAction* item : windowMenu->actions())
         titles << item->text();
-    const QString firstDate = QLocale().toString(QDateTime::fromSecsSinceEpoch(1700000000), QLocale::ShortFormat);
+    const QString firstDate =
+        QLocale().toString(QDateTime::fromSecsSinceEpoch(1700000000), QLocale::ShortFormat);
     const QString firstTitle = text("menuItemTitleBackup").arg(firstDate);
     EXPECT_TRUE(titles.contains(firstTitle)) << titles.join(" | ").toStdString();
 

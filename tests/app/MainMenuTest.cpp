@@ -1,10 +1,10 @@
 #include "app/MainMenu.h"
 
+#include <gtest/gtest.h>
 #include <QAction>
 #include <QMenu>
 #include <QMenuBar>
 #include <QTranslator>
-#include <gtest/gtest.h>
 
 namespace {
 

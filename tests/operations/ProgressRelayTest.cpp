@@ -1,8 +1,9 @@
-#include "support/EventLoop.h"
 #include "operations/ProgressRelay.h"
 
-#include <QObject>
+#include "support/EventLoop.h"
+
 #include <gtest/gtest.h>
+#include <QObject>
 #include <thread>
 
 namespace fs = std::filesystem;

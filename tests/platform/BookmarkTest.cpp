@@ -1,4 +1,5 @@
 #include "platform/Bookmark.h"
+
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 

@@ -1,14 +1,12 @@
 #include "platform/EventStream.h"
+
 #include "platform/InotifyEventStream.h"
 #include "platform/PollingEventStream.h"
 #include "support/EventLoop.h"
+#include "support/QtPrinters.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
-#include <QDeadlineTimer>
-#include <QFile>
-#include <QLoggingCategory>
-#include <QThread>
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -17,12 +15,14 @@
 #include <fstream>
 #include <future>
 #include <gtest/gtest.h>
-
-#include "support/QtPrinters.h"
 #include <mutex>
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QLoggingCategory>
+#include <QThread>
+#include <sched.h>
 #include <set>
 #include <string>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -301,8 +301,10 @@ TYPED_TEST(EventStreamTest, FollowsTheRootThroughWhateverHappensAtItsPath)
         {"written into once back", write(root / "back.txt"), {root}, 0},
         {"emptied", [&] { fs::remove(root / "again.txt"), fs::remove(root / "back.txt"); }, {root}, 0},
         {"replaced by another folder", move(replacement, root), {root}, changed},
-        {"written deep into the replacement", write(root / "Inner" / "Deeper" / "new.txt"),
-         {root / "Inner" / "Deeper"}, 0},
+        {"written deep into the replacement",
+         write(root / "Inner" / "Deeper" / "new.txt"),
+         {root / "Inner" / "Deeper"},
+         0},
     };
     TreeBuilder::writeFile(replacement / "Inner" / "Deeper" / "old.txt", "old");
     ASSERT_TRUE(this->startStream(TypeParam::make({qtPath(root)}, this->m_recorder.callback())));
@@ -547,9 +549,9 @@ TEST(EventStreamCreateTest, PrefersInotifyAndFallsBackToPollingWhenItCannotStart
     const pid_t child = ::fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        const bool limited = ::unshare(CLONE_NEWUSER) == 0
-                             && std::ofstream("/proc/self/uid_map") << uidMap << std::flush
-                             && std::ofstream("/proc/sys/user/max_inotify_instances") << "0" << std::flush;
+        const bool limited = ::unshare(CLONE_NEWUSER) == 0 &&
+                             std::ofstream("/proc/self/uid_map") << uidMap << std::flush &&
+                             std::ofstream("/proc/sys/user/max_inotify_instances") << "0" << std::flush;
         const std::string made = limited ? backendMade() : std::string("no user namespace of its own");
         ::_exit(::write(answer[1], made.data(), made.size()) == static_cast<ssize_t>(made.size()) ? 0 : 1);
     }

@@ -1,11 +1,12 @@
 #include "platform/Localizer.h"
+
 #include "support/EventLoop.h"
 #include "support/QtPrinters.h"
 
+#include <gtest/gtest.h>
 #include <QKeySequence>
 #include <QMenu>
 #include <QMenuBar>
-#include <gtest/gtest.h>
 
 using namespace std::chrono_literals;
 
@@ -26,8 +27,10 @@ protected:
     void useTables(const QString& userLanguage, const QString& development = "en",
                    std::chrono::milliseconds lifetime = 5000ms)
     {
-        Localizer::setResources({.directory = ":/testi18n", .baseName = "test",
-                                 .developmentLocalization = development, .userLanguages = {userLanguage},
+        Localizer::setResources({.directory = ":/testi18n",
+                                 .baseName = "test",
+                                 .developmentLocalization = development,
+                                 .userLanguages = {userLanguage},
                                  .nativeBundleLifetime = lifetime});
     }
 };
@@ -52,14 +55,13 @@ TEST_F(LocalizerTest, LooksInTheUsersLanguageThenTheDevelopmentLanguageThenGives
     // A missing development table is logged on every lookup that needs it.
     useTables("de", "xx");
     capturedMessages.clear();
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& message) {
-        capturedMessages << message;
-    });
+    qInstallMessageHandler(
+        [](QtMsgType, const QMessageLogContext&, const QString& message) { capturedMessages << message; });
     EXPECT_EQ(Localizer::localizedStringForKey("onlyInDevelopment"), "onlyInDevelopment");
     EXPECT_EQ(Localizer::localizedStringForKey("inBoth"), "Deutsch beide");
     EXPECT_EQ(Localizer::nativBundle(), nullptr);
-    EXPECT_EQ(capturedMessages, QStringList({"Can't locate native localization(xx)",
-                                             "Can't locate native localization(xx)"}));
+    EXPECT_EQ(capturedMessages,
+              QStringList({"Can't locate native localization(xx)", "Can't locate native localization(xx)"}));
 }
 
 TEST_F(LocalizerTest, TheDevelopmentTableIsLoadedOnDemandAndDroppedAfterItsLifetimeHoweverMuchUsed)

@@ -1,4 +1,5 @@
 #include "platform/PasswordDatabase.h"
+
 #include "platform/PosixPasswordDatabase.h"
 #include "support/TestHome.h"
 
@@ -8,7 +9,10 @@
 namespace {
 
 struct ScriptedPasswordDatabase : PasswordDatabase {
-    explicit ScriptedPasswordDatabase(std::optional<std::string> homeFolder) : home(std::move(homeFolder)) {}
+    explicit ScriptedPasswordDatabase(std::optional<std::string> homeFolder)
+        : home(std::move(homeFolder))
+    {
+    }
     std::optional<std::string> homeDirectoryOfUser(uid_t) const override { return home; }
     std::optional<std::string> home;
 };

@@ -1,9 +1,11 @@
 #include "platform/ProcRunningApplications.h"
+
 #include "support/EventLoop.h"
 #include "support/QtPrinters.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
+#include <gtest/gtest.h>
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
@@ -13,7 +15,6 @@
 #include <QProcess>
 #include <QScopeGuard>
 #include <QStandardPaths>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -142,49 +143,77 @@ TEST_F(ProcRunningApplicationsTest, EachProcessIsIdentifiedOnlyByWhatTheSystemRe
         bool hasIcon = false;
     };
     const std::vector<Case> cases = {
-        {"flatpak sandbox", {.pid = 100, .comm = "draw", .flatpakInfo = flatpakInfoOf("org.example.Draw")},
-         "org.example.Draw", "Drawing", true},
+        {"flatpak sandbox",
+         {.pid = 100, .comm = "draw", .flatpakInfo = flatpakInfoOf("org.example.Draw")},
+         "org.example.Draw",
+         "Drawing",
+         true},
         {"flatpak scope, no display",
-         {.pid = 110, .environment = {"LANG=C.UTF-8"},
+         {.pid = 110,
+          .environment = {"LANG=C.UTF-8"},
           .cgroup = unit("app-flatpak-org.example.Maps-4711.scope")},
-         "org.example.Maps", "app"},
+         "org.example.Maps",
+         "app"},
         {"runtime sandbox", {.pid = 120, .flatpakInfo = "[Runtime]\nname=org.example.Sdk\n"}, {}, "app"},
         {"desktop file left by the launcher",
          {.pid = 130,
           .environment = {"WAYLAND_DISPLAY=wayland-0", launchedFrom("org.example.Viewer"),
                           "GIO_LAUNCHED_DESKTOP_FILE_PID=130"}},
-         "org.example.Viewer", "Viewer"},
+         "org.example.Viewer",
+         "Viewer"},
         {"escaped unit id over an inherited variable",
-         {.pid = 140, .environment = {"DISPLAY=:0", inherited},
+         {.pid = 140,
+          .environment = {"DISPLAY=:0", inherited},
           .cgroup = unit("app-gnome-org.example.Text\\x2dEditor-4242.scope")},
-         "org.example.Text-Editor", "Text Editor"},
-        {"autostarted service", {.pid = 141, .cgroup = unit("app-org.example.Mail@autostart.service/worker")},
-         "org.example.Mail", "app"},
+         "org.example.Text-Editor",
+         "Text Editor"},
+        {"autostarted service",
+         {.pid = 141, .cgroup = unit("app-org.example.Mail@autostart.service/worker")},
+         "org.example.Mail",
+         "app"},
         {"bus-activated with a desktop entry",
-         {.pid = 150, .environment = {"LANG=C.UTF-8"},
+         {.pid = 150,
+          .environment = {"LANG=C.UTF-8"},
           .cgroup = unit("dbus-:1.2-org.example.Files@0.service")},
-         "org.example.Files", "Files"},
-        {"bus-activated without one", {.pid = 151, .cgroup = unit("dbus-:1.2-org.example.Indexer@0.service")},
-         {}, "app"},
+         "org.example.Files",
+         "Files"},
+        {"bus-activated without one",
+         {.pid = 151, .cgroup = unit("dbus-:1.2-org.example.Indexer@0.service")},
+         {},
+         "app"},
         {"snap known only by snapd's prefixed desktop file",
-         {.pid = 160, .environment = {"DISPLAY=:0", inherited},
+         {.pid = 160,
+          .environment = {"DISPLAY=:0", inherited},
           .cgroup = unit("snap.notes.notes-1a2b3c4d.scope")},
-         {}, "Notes"},
+         {},
+         "Notes"},
         {"snap's desktop id of its own choosing",
          {.pid = 170,
           .environment = {"DISPLAY=:0", "SNAP_NAME=paint",
                           "BAMF_DESKTOP_FILE_HINT=" +
                               desktopFile(snapApplications(), "paint_org.example.Paint")}},
-         "org.example.Paint", "Paint"},
+         "org.example.Paint",
+         "Paint"},
         {"desktop id that is not reverse-DNS",
-         {.pid = 180, .environment = {"DISPLAY=:0", launchedFrom("webbrowser")}}, {}, "Web Browser"},
+         {.pid = 180, .environment = {"DISPLAY=:0", launchedFrom("webbrowser")}},
+         {},
+         "Web Browser"},
         {"without a desktop entry",
          {.pid = 510, .comm = "mapper", .flatpakInfo = flatpakInfoOf("org.example.Mapper")},
-         "org.example.Mapper", "mapper"},
-        {"shell with a display", {.pid = 201, .comm = "bash", .environment = {"TERM=xterm", "DISPLAY=:0"}},
-         {}, "bash"},
-        {"shell without one", {.pid = 200, .comm = "bash", .environment = {"TERM=xterm", "SHELL=/bin/bash"}}, {}, {}},
-        {"another user's", {.pid = 190, .uid = kUser + 1, .flatpakInfo = flatpakInfoOf("org.example.Draw")}, {}, {}},
+         "org.example.Mapper",
+         "mapper"},
+        {"shell with a display",
+         {.pid = 201, .comm = "bash", .environment = {"TERM=xterm", "DISPLAY=:0"}},
+         {},
+         "bash"},
+        {"shell without one",
+         {.pid = 200, .comm = "bash", .environment = {"TERM=xterm", "SHELL=/bin/bash"}},
+         {},
+         {}},
+        {"another user's",
+         {.pid = 190, .uid = kUser + 1, .flatpakInfo = flatpakInfoOf("org.example.Draw")},
+         {},
+         {}},
     };
     for (const Case& c : cases)
         addProcess(c.process);

@@ -1,13 +1,13 @@
 // The program's string tables against the code that uses them.
+#include "support/QtPrinters.h"
+
+#include <gtest/gtest.h>
 #include <QDirIterator>
 #include <QFile>
 #include <QRegularExpression>
 #include <QSet>
 #include <QTranslator>
 #include <QXmlStreamReader>
-#include <gtest/gtest.h>
-
-#include "support/QtPrinters.h"
 
 namespace {
 
@@ -107,7 +107,8 @@ TEST(StringTablesTest, TheButtonsOfEachWindowHaveAnAccessKeyOfTheirOwnInEveryLan
 {
     const QList<QStringList> windows = {
         {"btnTitleDelete", "titleShowInFinder", "btnTitleRestore", "btnTitleBackUp"}, // the main window
-        {"contextMenuItemTitleGetInfo", "titleShowInFinder", "btnTitleRestore", "btnTitleDelete"}, // a row's menu
+        {"contextMenuItemTitleGetInfo", "titleShowInFinder", "btnTitleRestore",
+         "btnTitleDelete"},                     // a row's menu
         {"button_cancel", "btnTitleBackUpNow"}, // the apps-to-quit window, before a backup
         {"button_cancel", "btnTitleRestore"},   // and before a restore
         {"titleShowInFinder"},                  // the info window

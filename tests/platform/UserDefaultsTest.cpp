@@ -1,19 +1,19 @@
 #include "platform/UserDefaults.h"
+
+#include "support/QtPrinters.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
+#include <cerrno>
+#include <filesystem>
+#include <gtest/gtest.h>
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <cerrno>
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "support/QtPrinters.h"
 
 namespace {
 
@@ -78,8 +78,8 @@ TEST_F(UserDefaultsTest, AProcessThatDiesRightAfterAWriteKeepsItAndLeavesNothing
 
 TEST_F(UserDefaultsTest, AnUnreadableFileIsSetAsideAndTheStoreStartsEmpty)
 {
-    for (const QByteArray& broken : {QByteArray("{\"FirstLaunch\": fal"), QByteArray("\x00\xff garbage", 10),
-                                     QByteArray("[1, 2, 3]")}) {
+    for (const QByteArray& broken :
+         {QByteArray("{\"FirstLaunch\": fal"), QByteArray("\x00\xff garbage", 10), QByteArray("[1, 2, 3]")}) {
         SCOPED_TRACE(broken.toStdString());
         writeRawFile(broken);
         UserDefaults defaults(file());
@@ -180,8 +180,9 @@ TEST_F(UserDefaultsTest, AFolderTheUserMayNotWriteToIsNamedAsTheCause)
         UserDefaults defaults(path);
         const bool written = defaults.setBoolForKey(true, "Flag");
         const bool removed = defaults.removeObjectForKey("Other");
-        return std::to_string(written) + std::to_string(removed) + std::to_string(defaults.boolForKey("Flag")) +
-               '\n' + (defaults.lastWriteFailure() ? defaults.lastWriteFailure()->reason.toStdString() : "");
+        return std::to_string(written) + std::to_string(removed) +
+               std::to_string(defaults.boolForKey("Flag")) + '\n' +
+               (defaults.lastWriteFailure() ? defaults.lastWriteFailure()->reason.toStdString() : "");
     });
     ASSERT_TRUE(answer.has_value());
     EXPECT_EQ(*answer, "001\n" + qt_error_string(EACCES).toStdString())

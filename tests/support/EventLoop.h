@@ -1,9 +1,9 @@
 #pragma once
 
+#include <functional>
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QThread>
-#include <functional>
 
 // Runs the event loop until `done` holds or the bound passes; answers whether it held.
 inline bool runEventLoopUntil(const std::function<bool()>& done, int boundMs = 5000)

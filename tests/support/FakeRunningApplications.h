@@ -2,9 +2,9 @@
 
 #include "platform/RunningApplications.h"
 
-#include <QList>
 #include <algorithm>
 #include <optional>
+#include <QList>
 
 // Running applications as a test sets them up; remembers which it was asked to activate.
 class FakeRunningApplications : public RunningApplications {
@@ -15,7 +15,8 @@ public:
     }
     void remove(pid_t pid)
     {
-        m_applications.removeIf([pid](const RunningApplication& app) { return app.processIdentifier == pid; });
+        m_applications.removeIf(
+            [pid](const RunningApplication& app) { return app.processIdentifier == pid; });
     }
     QList<RunningApplication> runningApplications() const override { return m_applications; }
     std::optional<RunningApplication> runningApplicationWithProcessIdentifier(pid_t pid) const override

@@ -10,7 +10,8 @@
 
 // The real copier, which calls `afterFirstFile` on its worker thread once the first file is copied, with
 // the copy's quit flag: a test acts there, in the middle of a copy, for as long as it likes.
-inline CopyOperation::Copier copierPausingAfterFirstFile(std::function<void(const std::atomic<bool>* abandon)> afterFirstFile)
+inline CopyOperation::Copier
+copierPausingAfterFirstFile(std::function<void(const std::atomic<bool>* abandon)> afterFirstFile)
 {
     return [afterFirstFile = std::move(afterFirstFile)](
                const std::filesystem::path& source, const std::filesystem::path& destination,

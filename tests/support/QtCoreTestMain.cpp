@@ -1,6 +1,6 @@
 // main() of the suites that need an event loop but no widgets.
-#include <QCoreApplication>
 #include <gmock/gmock.h>
+#include <QCoreApplication>
 
 int main(int argc, char* argv[])
 {

@@ -1,8 +1,8 @@
 #pragma once
 
+#include <ostream>
 #include <QString>
 #include <QStringList>
-#include <ostream>
 
 // Readable GoogleTest failure messages for Qt's string types.
 inline void PrintTo(const QString& text, std::ostream* out)

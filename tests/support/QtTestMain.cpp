@@ -1,6 +1,6 @@
 // main() of the suites that need Qt: a headless application object, then GoogleTest.
-#include <QApplication>
 #include <gmock/gmock.h>
+#include <QApplication>
 
 int main(int argc, char* argv[])
 {

@@ -2,9 +2,9 @@
 
 #include "platform/AlertPresenter.h"
 
+#include <functional>
 #include <QList>
 #include <QStringList>
-#include <functional>
 
 // Answers from `answers` (the first button, box unticked, once they run out) and keeps every alert shown.
 class ScriptedAlertPresenter : public AlertPresenter {

@@ -3,8 +3,8 @@
 #include "platform/FolderChooser.h"
 #include "platform/PasswordDatabase.h"
 
-#include <QStringList>
 #include <optional>
+#include <QStringList>
 #include <string>
 
 // A folder chooser that answers from a script and remembers the titles it was shown with.

@@ -2,10 +2,10 @@
 
 #include "platform/EventStream.h"
 
-#include <QStringList>
-#include <QThread>
 #include <functional>
 #include <memory>
+#include <QStringList>
+#include <QThread>
 
 // What the watcher asked of its stream, in order.
 struct StreamLog {
@@ -49,10 +49,12 @@ private:
 };
 
 // A stream factory that records into `log` and hands out scripted streams.
-inline std::function<std::unique_ptr<EventStream>(const QStringList&, std::uint64_t, double, EventStream::Callback)>
+inline std::function<std::unique_ptr<EventStream>(const QStringList&, std::uint64_t, double,
+                                                  EventStream::Callback)>
 scriptedStreamFactory(StreamLog& log)
 {
-    return [&log](const QStringList& paths, std::uint64_t since, double latency, EventStream::Callback callback) {
+    return [&log](const QStringList& paths, std::uint64_t since, double latency,
+                  EventStream::Callback callback) {
         log.calls << "create";
         log.paths = paths;
         log.sinceWhen = since;

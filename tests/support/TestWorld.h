@@ -1,9 +1,9 @@
 #pragma once
 
 #include "platform/Localizer.h"
-#include "store/iCloudPrefs.h"
-#include "store/BackupStore.h"
 #include "platform/UserDefaults.h"
+#include "store/BackupStore.h"
+#include "store/iCloudPrefs.h"
 #include "support/FakeRunningApplications.h"
 #include "support/RecordingFileManager.h"
 #include "support/ScriptedAlertPresenter.h"
@@ -11,9 +11,9 @@
 #include "support/ScriptedEventStream.h"
 #include "support/TestHome.h"
 
-#include <QFile>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <QFile>
 
 // What the program meets in a test: a temporary home that is also the user's home folder, the texts of
 // one language, the built-in defaults, and scripted services.
@@ -29,7 +29,10 @@ protected:
     }
     ~TestWorld() override { Localizer::setResources(Localizer::Resources{}); }
 
-    static QString text(const char* key) { return Localizer::localizedStringForKey(QString::fromLatin1(key)); }
+    static QString text(const char* key)
+    {
+        return Localizer::localizedStringForKey(QString::fromLatin1(key));
+    }
     std::filesystem::path iCloud() const { return home.path() / "Library" / "Mobile Documents"; }
     QString iCloudFolder() const { return QString::fromStdString(iCloud().string()); }
     static std::filesystem::path folderOf(const BackupRecordRef& record)

@@ -121,7 +121,8 @@ std::map<std::string, std::string> snapshot(const std::filesystem::path& root)
 Items contents(const std::filesystem::path& root)
 {
     Items items;
-    for (const std::filesystem::directory_entry& entry : std::filesystem::recursive_directory_iterator(root)) {
+    for (const std::filesystem::directory_entry& entry :
+         std::filesystem::recursive_directory_iterator(root)) {
         const std::filesystem::file_status status = entry.symlink_status();
         std::string item = entry.path().lexically_relative(root).native() + "=";
         if (std::filesystem::is_symlink(status))
@@ -194,7 +195,8 @@ std::optional<std::string> runUnprivileged(const std::function<std::string()>& w
         return std::nullopt;
     if (child == 0) {
         ::close(fds[0]);
-        if (::geteuid() == 0 && (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0))
+        if (::geteuid() == 0 &&
+            (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0))
             ::_exit(3);
         const std::string answer = work();
         ssize_t written = ::write(fds[1], answer.data(), answer.size());

@@ -1,13 +1,14 @@
-#include "platform/ByteCountFormatter.h"
 #include "engine/DirectoryCopier.h"
 #include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
+#include "platform/ByteCountFormatter.h"
 #include "support/Keyboard.h"
 #include "support/MainWindowFixture.h"
 #include "support/PausingCopier.h"
 #include "ui/inspector/InspectorWindowController.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 
+#include <future>
 #include <QApplication>
 #include <QKeyEvent>
 #include <QPlainTextEdit>
@@ -15,7 +16,6 @@
 #include <QTableWidget>
 #include <QTimer>
 #include <QWindow>
-#include <future>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -72,11 +72,13 @@ protected:
     // Stops each copy after its first file until the test releases it.
     void holdCopiesAfterTheFirstFile()
     {
-        copier = copierPausingAfterFirstFile([this](const std::atomic<bool>*) { release.get_future().wait(); });
+        copier =
+            copierPausingAfterFirstFile([this](const std::atomic<bool>*) { release.get_future().wait(); });
     }
     std::vector<fs::path> backupRootEntries() const
     {
-        return fs::exists(home.dataHome() / "Pelmora") ? entries(home.dataHome() / "Pelmora") : std::vector<fs::path>{};
+        return fs::exists(home.dataHome() / "Pelmora") ? entries(home.dataHome() / "Pelmora")
+                                                       : std::vector<fs::path>{};
     }
 
     // The backup root's own entries, sorted.
@@ -118,10 +120,11 @@ TEST_F(BackUpNowTest, CopiesTheiCloudFolderIntoADatedFolderAndRecordsItAndASecon
     EXPECT_EQ(folder.filename().string(),
               QLocale().toString(record->backupDate()->toLocalTime(), "yyyy.MM.dd-HH.mm.ss").toStdString());
     EXPECT_EQ(record->backupSize(), 1200 + 300 + 12) << "the counted size, link included, no .DS_Store";
-    EXPECT_EQ(entries(folder), (std::vector<fs::path>{"com~apple~CloudDocs", "com~apple~CloudDocs/link",
-                                                      "com~apple~CloudDocs/report.pages", "iCloud~com~example~Notes",
-                                                      "iCloud~com~example~Notes/Documents",
-                                                      "iCloud~com~example~Notes/Documents/note.txt"}));
+    EXPECT_EQ(entries(folder),
+              (std::vector<fs::path>{"com~apple~CloudDocs", "com~apple~CloudDocs/link",
+                                     "com~apple~CloudDocs/report.pages", "iCloud~com~example~Notes",
+                                     "iCloud~com~example~Notes/Documents",
+                                     "iCloud~com~example~Notes/Documents/note.txt"}));
     EXPECT_EQ(readFile(folder / "com~apple~CloudDocs" / "report.pages"), std::string(1200, 'x'));
     EXPECT_EQ(storedFolders(), QStringList({*record->backupFolder()}));
     expectIdle(*controller);
@@ -259,7 +262,8 @@ TEST_F(BackUpNowTest, ItemsThatCannotBeCopiedAreListedBesideTheRecordedBackupSai
     EXPECT_EQ(alerts.shown[0].messageText, text("alertOneItemNotCopiedMessage"));
     EXPECT_TRUE(alerts.shown[0].detailedText.startsWith("com~apple~CloudDocs/agent.sock: "))
         << alerts.shown[0].detailedText.toStdString();
-    EXPECT_EQ(rootListing(), (std::vector<fs::path>{folder.filename(), NotCopiedList::pathFor(folder).filename()}))
+    EXPECT_EQ(rootListing(),
+              (std::vector<fs::path>{folder.filename(), NotCopiedList::pathFor(folder).filename()}))
         << "the list lies beside the folder, and no mark is left";
     const std::vector<FsError> listed = NotCopiedList::read(folder);
     ASSERT_EQ(listed.size(), 1u);
@@ -317,8 +321,9 @@ TEST_F(BackUpNowTest, ABackupFolderThatCannotBeMadeIsSaidWithItsReasonAndTheWind
         ASSERT_EQ(alerts.shown.size(), attempt + 1);
         const Alert& alert = alerts.shown.last();
         EXPECT_EQ(alert.messageText, text("alertBackupNotMadeMessage"));
-        EXPECT_EQ(alert.informativeText,
-                  text("formatStringItemNotWritten").arg(controller->iCloudBackupDirectory(), "Not a directory"));
+        EXPECT_EQ(
+            alert.informativeText,
+            text("formatStringItemNotWritten").arg(controller->iCloudBackupDirectory(), "Not a directory"));
         expectIdle(*controller);
         EXPECT_TRUE(controller->restoreFromBackupBtn()->isEnabled() || controller->backups().isEmpty());
     }
@@ -335,8 +340,9 @@ TEST_F(BackUpNowTest, OneRunAtATimeAndTheProgressWindowCancelsInsteadOfHiding)
     controller->backUpNow();
     ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
     EXPECT_EQ(controller->copyCountsLabel()->text(),
-              text("formatStringCopyProgress").arg("1", "3", ByteCountFormatter::stringFromByteCount(1200),
-                                                   ByteCountFormatter::stringFromByteCount(1512)));
+              text("formatStringCopyProgress")
+                  .arg("1", "3", ByteCountFormatter::stringFromByteCount(1200),
+                       ByteCountFormatter::stringFromByteCount(1512)));
     const BackupOperation* run = controller->backUpRun();
 
     controller->backUpNow();
@@ -378,13 +384,15 @@ TEST_F(BackUpNowTest, UnwritablePreferencesAreSaidOnceTheListStaysAndTheNextWrit
     ASSERT_TRUE(backUp(*controller));
     ASSERT_TRUE(backUp(*controller));
     ASSERT_TRUE(runEventLoopUntil([&] { return !alerts.shown.isEmpty(); }));
-    EXPECT_EQ(alerts.messages(), QStringList({text("alertPreferencesNotSavedMessage")})) << "once per session";
+    EXPECT_EQ(alerts.messages(), QStringList({text("alertPreferencesNotSavedMessage")}))
+        << "once per session";
     EXPECT_TRUE(alerts.shown[0].informativeText.startsWith(
         text("formatStringItemNotWritten").arg(defaults.filePath(), "Is a directory")));
     ASSERT_EQ(controller->backups().count(), 2) << "the list in memory stays right";
     EXPECT_EQ(controller->backupsTable()->model()->rowCount(), 2);
     for (const BackupRecordRef& record : controller->backups().records())
-        EXPECT_TRUE(fs::exists(UnfinishedMark::pathFor(folderOf(record)))) << "not on disk yet, so still marked";
+        EXPECT_TRUE(fs::exists(UnfinishedMark::pathFor(folderOf(record))))
+            << "not on disk yet, so still marked";
 
     fs::remove(preferences);
     ASSERT_TRUE(backUp(*controller));
@@ -404,14 +412,16 @@ TEST_F(BackUpNowTest, AtLaunchAMarkedFolderThatNoRecordNamesIsRemovedAndARecorde
     writeFile(root / "2026.01.02-10.00.00" / "com~apple~CloudDocs" / "whole", "x");
     ASSERT_FALSE(UnfinishedMark::set(root / "2026.01.02-10.00.00"));
     writeFile(root / "2026.01.03-10.00.00" / "unmarked", "x");
-    storeBackups({BackupRecord::make(QDateTime::currentDateTime(), QString::fromStdString((root / "2026.01.02-10.00.00").string()), 1)});
+    storeBackups({BackupRecord::make(QDateTime::currentDateTime(),
+                                     QString::fromStdString((root / "2026.01.02-10.00.00").string()), 1)});
 
     auto controller = openWindow();
     // The sweep runs in the background; the marks go last.
     ASSERT_TRUE(runEventLoopUntil([&] { return UnfinishedMark::markedFolders(root).empty(); }));
-    EXPECT_EQ(backupRootEntries(), (std::vector<fs::path>{"2026.01.02-10.00.00", "2026.01.02-10.00.00/com~apple~CloudDocs",
-                                                          "2026.01.02-10.00.00/com~apple~CloudDocs/whole",
-                                                          "2026.01.03-10.00.00", "2026.01.03-10.00.00/unmarked"}))
+    EXPECT_EQ(backupRootEntries(),
+              (std::vector<fs::path>{"2026.01.02-10.00.00", "2026.01.02-10.00.00/com~apple~CloudDocs",
+                                     "2026.01.02-10.00.00/com~apple~CloudDocs/whole", "2026.01.03-10.00.00",
+                                     "2026.01.03-10.00.00/unmarked"}))
         << "an unmarked folder is nobody's business at launch";
     EXPECT_EQ(controller->backups().count(), 1);
 }
@@ -442,7 +452,8 @@ TEST_F(QuitAppsTest, ABackupWaitsForTheAppsThatUseiCloudAndGoesOnWhenTheyQuit)
     EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
     EXPECT_EQ(request->windowTitle(), text("windowTitleCloseAppsBeforeBackUp"));
     EXPECT_EQ(request->backUpNowOrRestoreBtn()->text(), text("btnTitleBackUpNow"));
-    EXPECT_EQ(request->infoLabel()->text(), text("formatStringCloseApps").arg("Back Up Now")) << "no access key";
+    EXPECT_EQ(request->infoLabel()->text(), text("formatStringCloseApps").arg("Back Up Now"))
+        << "no access key";
     EXPECT_EQ(QuitAppsRequestWindowController::tagOf(request->backUpNowOrRestoreBtn()), 0);
     ASSERT_EQ(request->appsToQuitTable()->rowCount(), 2) << "listed once per container it uses";
     EXPECT_EQ(request->appsToQuitTable()->item(0, 0)->text(), "Notes");
@@ -469,9 +480,8 @@ TEST_F(QuitAppsTest, AnAppStartedMeanwhileKeepsTheRequestOpenUntilCancelOrClosin
 {
     applications.remove(42);
     applications.add(43, QString("com.example"), "Example Helper");
-    ASSERT_TRUE(runEventLoopUntil([&] {
-        return request->appsToQuit().size() == 2 && request->appsToQuit()[0].pid == 43;
-    }));
+    ASSERT_TRUE(runEventLoopUntil(
+        [&] { return request->appsToQuit().size() == 2 && request->appsToQuit()[0].pid == 43; }));
     EXPECT_TRUE(request->isVisible());
     EXPECT_NE(request->checkAppsStateTimer(), nullptr);
     EXPECT_TRUE(controller->isiCloudBackingUp());

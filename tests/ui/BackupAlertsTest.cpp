@@ -1,5 +1,6 @@
-#include "support/MainWindowFixture.h"
 #include "ui/main/BackupAlerts.h"
+
+#include "support/MainWindowFixture.h"
 
 namespace {
 

@@ -18,7 +18,8 @@ protected:
         for (const char* name : {"2026.01.01-10.00.00", "2026.02.01-10.00.00"}) {
             const fs::path folder = home.dataHome() / "Pelmora" / name;
             writeFile(folder / "com~apple~CloudDocs" / "f", "x");
-            records << BackupRecord::make(QDateTime::currentDateTime(), QString::fromStdString(folder.string()), 1);
+            records << BackupRecord::make(QDateTime::currentDateTime(),
+                                          QString::fromStdString(folder.string()), 1);
         }
         storeBackups(records);
         controller = openWindow();
@@ -47,7 +48,8 @@ TEST_F(DeleteAndRevealTest, YesRemovesTheFolderAndTheRecordAndAGoneFolderIsDropp
     removeTree(folderOf(0));
     controller->deleteBackup();
     EXPECT_EQ(controller->backups().count(), 0);
-    EXPECT_EQ(alerts.messages(), QStringList(2, text("alertDeleteBackupMessage"))) << "only the confirmations";
+    EXPECT_EQ(alerts.messages(), QStringList(2, text("alertDeleteBackupMessage")))
+        << "only the confirmations";
 }
 
 TEST_F(DeleteAndRevealTest, NoKeepsEverythingButNoWithTheBoxTickedRemovesAndRemembers)
@@ -87,14 +89,16 @@ TEST_F(DeleteAndRevealTest, OnlyABackupFolderOfTheRootIsRemovedAndOneLeftPartlyK
     makeSymlink(outside.string(), root / "2026.04.01-10.00.00");
     QList<BackupRecordRef> records = controller->backups().records();
     for (const fs::path& folder : {outside, root / "notes", root / "2026.04.01-10.00.00"})
-        records << BackupRecord::make(QDateTime::currentDateTime(), QString::fromStdString(folder.string()), 1);
+        records << BackupRecord::make(QDateTime::currentDateTime(), QString::fromStdString(folder.string()),
+                                      1);
     storeBackups(records);
     controller = openWindow();
     for (int row = 2; row < 5; ++row) {
         controller->backupsTable()->selectRow(row);
         alerts.shown.clear();
         controller->deleteBackup();
-        EXPECT_EQ(alerts.messages(), QStringList({text("alertDeleteBackupMessage"), text("alertBackupNotFoundMessage")}))
+        EXPECT_EQ(alerts.messages(),
+                  QStringList({text("alertDeleteBackupMessage"), text("alertBackupNotFoundMessage")}))
             << row;
         EXPECT_EQ(controller->backups().count(), 5) << row;
     }
@@ -115,9 +119,11 @@ TEST_F(DeleteAndRevealTest, OnlyABackupFolderOfTheRootIsRemovedAndOneLeftPartlyK
     ::umount2((partly / "mounted").c_str(), MNT_DETACH);
     ASSERT_EQ(alerts.shown.size(), 2);
     EXPECT_EQ(alerts.shown[1].messageText, text("alertBackupNotRemovedMessage"));
-    EXPECT_TRUE(alerts.shown[1].informativeText.contains(partlyFolder)) << alerts.shown[1].informativeText.toStdString();
+    EXPECT_TRUE(alerts.shown[1].informativeText.contains(partlyFolder))
+        << alerts.shown[1].informativeText.toStdString();
     EXPECT_TRUE(fs::exists(partly));
-    EXPECT_EQ(controller->backups().at(1)->backupFolder(), partlyFolder) << "the record stays with what is left";
+    EXPECT_EQ(controller->backups().at(1)->backupFolder(), partlyFolder)
+        << "the record stays with what is left";
 }
 
 TEST_F(DeleteAndRevealTest, RevealShowsTheSelectedFolderOrSaysItIsGone)

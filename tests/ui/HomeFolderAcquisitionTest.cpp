@@ -1,4 +1,5 @@
 #include "ui/home/HomeFolderAcquisition.h"
+
 #include "platform/Bookmark.h"
 #include "support/MainWindowFixture.h"
 

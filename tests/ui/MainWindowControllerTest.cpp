@@ -39,7 +39,8 @@ TEST_F(MainWindowControllerTest, AFreshWindowShowsItsTextsAndMeasuresTheiCloudFo
     EXPECT_FALSE(controller->showInFinderBtn()->isEnabled());
     EXPECT_FALSE(controller->restoreFromBackupBtn()->isEnabled());
     EXPECT_TRUE(controller->backUpNowBtn()->isEnabled());
-    EXPECT_EQ(controller->backupsTable()->menuForEvent(QPoint(10, 10)), nullptr) << "no menu on an empty table";
+    EXPECT_EQ(controller->backupsTable()->menuForEvent(QPoint(10, 10)), nullptr)
+        << "no menu on an empty table";
 
     EXPECT_EQ(controller->labeliCloudSize()->text(), ByteCountFormatter::stringFromByteCount(2500));
     EXPECT_EQ(controller->labeliCloudSize()->palette().color(QPalette::WindowText), QColor(Qt::white));
@@ -78,8 +79,10 @@ TEST_F(MainWindowControllerTest, RowsShowTheRecordsInCompletionOrderWithAContext
     CustomTableView* table = controller->backupsTable();
 
     ASSERT_EQ(table->model()->rowCount(), 3);
-    EXPECT_EQ(controller->objectValueForTableColumn("date", 0), QLocale().toString(second, QLocale::ShortFormat));
-    EXPECT_EQ(controller->objectValueForTableColumn("size", 0), ByteCountFormatter::stringFromByteCount(1500000));
+    EXPECT_EQ(controller->objectValueForTableColumn("date", 0),
+              QLocale().toString(second, QLocale::ShortFormat));
+    EXPECT_EQ(controller->objectValueForTableColumn("size", 0),
+              ByteCountFormatter::stringFromByteCount(1500000));
     EXPECT_EQ(controller->objectValueForTableColumn("size", 1), ByteCountFormatter::stringFromByteCount(999));
     EXPECT_EQ(controller->objectValueForTableColumn("date", 2), QString()) << "a record without its keys";
     EXPECT_EQ(controller->objectValueForTableColumn("size", 2), ByteCountFormatter::stringFromByteCount(0));
@@ -162,13 +165,15 @@ TEST_F(MainWindowControllerTest, TheSizeLabelFollowsTheWatchedFolderWhateverHapp
     controller.showWindow();
     ASSERT_TRUE(waitForSize(controller));
     const auto shows = [&](std::uint64_t bytes) {
-        return runEventLoopUntil(
-            [&] { return controller.labeliCloudSize()->text() == ByteCountFormatter::stringFromByteCount(bytes); });
+        return runEventLoopUntil([&] {
+            return controller.labeliCloudSize()->text() == ByteCountFormatter::stringFromByteCount(bytes);
+        });
     };
     EXPECT_TRUE(shows(0));
 
     writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "a", 1000);
-    EXPECT_TRUE(shows(1000)) << "made after the launch: " << controller.labeliCloudSize()->text().toStdString();
+    EXPECT_TRUE(shows(1000)) << "made after the launch: "
+                             << controller.labeliCloudSize()->text().toStdString();
     writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "Documents" / "new", 250000);
     EXPECT_TRUE(shows(251000)) << controller.labeliCloudSize()->text().toStdString();
 
@@ -182,8 +187,8 @@ TEST_F(MainWindowControllerTest, TheSizeLabelFollowsTheWatchedFolderWhateverHapp
 
 TEST_F(MainWindowControllerTest, CountsRunningAppsWhoseIdentifierLiesInAContainerName)
 {
-    for (const char* container : {"iCloud~com~example~Notes", "com~apple~CloudDocs", ".iCloud~com~example~Hidden",
-                                  "iCloud~com~apple~finder~Extras"})
+    for (const char* container : {"iCloud~com~example~Notes", "com~apple~CloudDocs",
+                                  ".iCloud~com~example~Hidden", "iCloud~com~apple~finder~Extras"})
         makeFolder(iCloud() / container);
     auto controller = openWindow();
     EXPECT_EQ(controller->calculateCountOfRunningAppsThatUseiCloud(), 0);

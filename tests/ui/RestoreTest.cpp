@@ -36,7 +36,8 @@ protected:
     std::optional<fs::path> trashedFrom(const std::string& entry) const
     {
         const std::string info = readFile(trash() / "info" / (entry + ".trashinfo"));
-        const std::regex format("\\[Trash Info\\]\nPath=(/[^\n]+)\nDeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n");
+        const std::regex format(
+            "\\[Trash Info\\]\nPath=(/[^\n]+)\nDeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n");
         std::smatch match;
         if (!std::regex_match(info, match, format))
             return std::nullopt;
@@ -122,12 +123,14 @@ TEST_F(RestoreTest, WaitsForAppsThatUseiCloudThenBringsBackTheBackupAndLeavesHid
 
     applications.remove(7); // and the restore starts over from the checks
     ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() > 0; }));
-    EXPECT_EQ(alerts.messages(), QStringList({text("alertRestoreWarningMessage")})) << "no message at the end";
+    EXPECT_EQ(alerts.messages(), QStringList({text("alertRestoreWarningMessage")}))
+        << "no message at the end";
     EXPECT_EQ(readFile(letter), "original letter");
     EXPECT_EQ(readFile(iCloud() / "com~apple~CloudDocs" / "Photos" / "cat.jpg"), "meow");
     EXPECT_FALSE(fs::exists(iCloud() / "com~apple~CloudDocs" / "new.txt"));
     EXPECT_EQ(readFile(iCloud() / "com~apple~CloudDocs" / ".hidden-state"), "keep me");
-    EXPECT_EQ(readFile(trash() / "files" / "letter.txt"), "edited later") << "what the restore replaced is in the Trash";
+    EXPECT_EQ(readFile(trash() / "files" / "letter.txt"), "edited later")
+        << "what the restore replaced is in the Trash";
     EXPECT_EQ(trashedFrom("letter.txt"), letter);
     EXPECT_EQ(readFile(trash() / "files" / "new.txt"), "added later");
     EXPECT_EQ(trashedFrom("new.txt"), iCloud() / "com~apple~CloudDocs" / "new.txt");
@@ -167,12 +170,14 @@ TEST_F(RestoreTest, TooLittleSpaceAfterPruningStopsWithTheRestoreText)
 TEST_F(RestoreTest, WhatTheBackupNeverHeldStaysAndABackupGoneBeforeThePruningTouchesNothing)
 {
     // The backup lists the notes container's note as not copied: the backup never held it.
-    ASSERT_FALSE(NotCopiedList::write(backupFolder(), {FsError{"open", "iCloud~com~example~Notes/note.txt", EACCES}}));
+    ASSERT_FALSE(
+        NotCopiedList::write(backupFolder(), {FsError{"open", "iCloud~com~example~Notes/note.txt", EACCES}}));
     fs::remove(backupFolder() / "iCloud~com~example~Notes" / "note.txt");
     writeFile(iCloud() / "iCloud~com~example~Notes" / "note.txt", "newer note");
     ASSERT_TRUE(restore());
     EXPECT_EQ(readFile(iCloud() / "iCloud~com~example~Notes" / "note.txt"), "newer note");
-    EXPECT_EQ(alerts.messages(), QStringList({text("alertRestoreWarningMessage")})) << "everything done: silent";
+    EXPECT_EQ(alerts.messages(), QStringList({text("alertRestoreWarningMessage")}))
+        << "everything done: silent";
 
     // Gone between the question and the pruning, as if a drive went away.
     const fs::path moved = home.path() / "moved-backup";
@@ -204,9 +209,11 @@ TEST_F(RestoreTest, AFullDiskStopsTheCopyAndWhatCouldNotBeDoneIsSaidWithItsItems
     ASSERT_EQ(alerts.shown.size(), 2);
     const Alert& notice = alerts.shown[1];
     EXPECT_EQ(notice.messageText, text("alertRestoreIncompleteMessage"));
-    EXPECT_TRUE(notice.informativeText.startsWith(text("alertRestoreDiskFullInfo"))) << notice.informativeText.toStdString();
+    EXPECT_TRUE(notice.informativeText.startsWith(text("alertRestoreDiskFullInfo")))
+        << notice.informativeText.toStdString();
     EXPECT_TRUE(notice.informativeText.contains(text("formatStringRestoreRemovedForGood").arg("1")));
-    EXPECT_TRUE(notice.detailedText.contains("com~apple~CloudDocs/stray.txt")) << notice.detailedText.toStdString();
+    EXPECT_TRUE(notice.detailedText.contains("com~apple~CloudDocs/stray.txt"))
+        << notice.detailedText.toStdString();
     EXPECT_FALSE(fs::exists(iCloud() / "com~apple~CloudDocs" / "stray.txt"));
     EXPECT_GT(controller->currentCountOfCopiedItems(), 0);
     EXPECT_LT(controller->currentCountOfCopiedItems(), controller->totalCountOfItemsToCopy()) << "stopped";

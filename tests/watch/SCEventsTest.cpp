@@ -1,15 +1,15 @@
+#include "watch/SCEvents.h"
+
 #include "support/EventLoop.h"
+#include "support/QtPrinters.h"
 #include "support/ScriptedEventStream.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
-#include "watch/SCEvents.h"
 
-#include <QThread>
 #include <future>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include "support/QtPrinters.h"
+#include <QThread>
 
 using ::testing::ElementsAre;
 
@@ -118,8 +118,8 @@ TEST_F(SCEventsTest, EventsReachTheListenerUnlessExcluded)
 
     watcher.setDelegate(&listener);
     const QDateTime before = QDateTime::currentDateTime();
-    watcher.eventStreamCallback({StreamEvent{"/u/Library/Mobile Documents/", 0x20, 7},
-                                 StreamEvent{"/u/a//", 0x80000000u, 8}});
+    watcher.eventStreamCallback(
+        {StreamEvent{"/u/Library/Mobile Documents/", 0x20, 7}, StreamEvent{"/u/a//", 0x80000000u, 8}});
     ASSERT_EQ(listener.events.size(), 2);
     EXPECT_EQ(listener.watchers, QList<SCEvents*>({&watcher, &watcher}));
     EXPECT_EQ(listener.paths, QStringList({"/u/Library/Mobile Documents", "/u/a/"}));

@@ -1,12 +1,12 @@
 #include "HomeFolderAcquisition.h"
 
 #include "Helpers/DirectoryUtility.h"
-#include "platform/Localizer.h"
-#include "store/iCloudPrefs.h"
 #include "platform/Bookmark.h"
-#include "platform/PasswordDatabase.h"
 #include "platform/FolderChooser.h"
+#include "platform/Localizer.h"
+#include "platform/PasswordDatabase.h"
 #include "platform/UserDefaults.h"
+#include "store/iCloudPrefs.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,23 +1,23 @@
 #include "InspectorWindowController.h"
 
-#include "platform/ByteCountFormatter.h"
-#include "Helpers/DirectoryUtility.h"
-#include "platform/Localizer.h"
 #include "engine/NotCopiedList.h"
+#include "Helpers/DirectoryUtility.h"
 #include "operations/CopyOperation.h"
+#include "platform/ByteCountFormatter.h"
 #include "platform/FileManager.h"
+#include "platform/Localizer.h"
 #include "ui_InspectorWindowController.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <QFile>
 #include <QHeaderView>
 #include <QKeyEvent>
 #include <QPlainTextEdit>
 #include <QScreen>
-#include <algorithm>
-#include <filesystem>
+#include <sys/stat.h>
 #include <system_error>
 #include <vector>
-#include <sys/stat.h>
 
 namespace {
 
@@ -82,7 +82,8 @@ void InspectorWindowController::showWindow()
 void InspectorWindowController::windowDidLoad()
 {
     m_appContainers.clear();
-    connect(m_ui->backupContentTable, &QTableWidget::cellDoubleClicked, this, [this] { showAppContainerInFinder(); });
+    connect(m_ui->backupContentTable, &QTableWidget::cellDoubleClicked, this,
+            [this] { showAppContainerInFinder(); });
     connect(m_ui->showInFinderBtn, &QPushButton::clicked, this, [this] { showInFinder(); });
     setWindowTitle(localized("windowTitleBackupInfo"));
     m_ui->showInFinderBtn->setText(localized("titleShowInFinder"));
@@ -101,7 +102,8 @@ void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
         return;
     showWindow();
     const std::optional<QDateTime> date = backup->backupDate();
-    m_ui->backupDateLabel->setText(date ? QLocale().toString(date->toLocalTime(), QLocale::ShortFormat) : QString());
+    m_ui->backupDateLabel->setText(date ? QLocale().toString(date->toLocalTime(), QLocale::ShortFormat)
+                                        : QString());
     const QString folder = backup->backupFolder().value_or(QString());
     const std::optional<struct stat> folderStatus = folder.isEmpty() ? std::nullopt : itemStatus(folder);
     if (folderStatus) {
@@ -112,7 +114,8 @@ void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
         m_ui->showInFinderBtn->setEnabled(false); // for good, even if the folder comes back
     }
     m_appContainers.clear();
-    const std::uint32_t filesTotal = folderStatus && S_ISDIR(folderStatus->st_mode) ? findContainers(folder) : 0;
+    const std::uint32_t filesTotal =
+        folderStatus && S_ISDIR(folderStatus->st_mode) ? findContainers(folder) : 0;
     reloadTable();
     m_ui->backupContentDescriptionLabel->setText(
         localized("formatStringBackupContent")
@@ -122,15 +125,17 @@ void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
 
 void InspectorWindowController::showNotCopiedItems(const QString& folder)
 {
-    const std::vector<FsError> items =
-        folder.isEmpty() ? std::vector<FsError>() : NotCopiedList::read(QFile::encodeName(folder).toStdString());
+    const std::vector<FsError> items = folder.isEmpty()
+                                           ? std::vector<FsError>()
+                                           : NotCopiedList::read(QFile::encodeName(folder).toStdString());
     m_ui->notCopiedLabel->setVisible(!items.empty());
     m_ui->notCopiedList->setVisible(!items.empty());
     if (items.empty())
         return;
-    m_ui->notCopiedLabel->setText(items.size() == 1 ? localized("labelOneItemNotCopied")
-                                                    : localized("formatStringItemsNotCopied")
-                                                          .arg(QLocale().toString(static_cast<qulonglong>(items.size()))));
+    m_ui->notCopiedLabel->setText(items.size() == 1
+                                      ? localized("labelOneItemNotCopied")
+                                      : localized("formatStringItemsNotCopied")
+                                            .arg(QLocale().toString(static_cast<qulonglong>(items.size()))));
     m_ui->notCopiedList->setPlainText(CopyOperation::describeItems(items));
 }
 
@@ -207,13 +212,31 @@ void InspectorWindowController::showAppContainerInFinder()
     m_fileManager.selectFile(m_appContainers.at(row).containerPath);
 }
 
-QLabel* InspectorWindowController::backupDateLabel() const { return m_ui->backupDateLabel; }
-QLabel* InspectorWindowController::backupSizeLabel() const { return m_ui->backupSizeLabel; }
-QPushButton* InspectorWindowController::showInFinderBtn() const { return m_ui->showInFinderBtn; }
-QTableWidget* InspectorWindowController::backupContentTable() const { return m_ui->backupContentTable; }
+QLabel* InspectorWindowController::backupDateLabel() const
+{
+    return m_ui->backupDateLabel;
+}
+QLabel* InspectorWindowController::backupSizeLabel() const
+{
+    return m_ui->backupSizeLabel;
+}
+QPushButton* InspectorWindowController::showInFinderBtn() const
+{
+    return m_ui->showInFinderBtn;
+}
+QTableWidget* InspectorWindowController::backupContentTable() const
+{
+    return m_ui->backupContentTable;
+}
 QLabel* InspectorWindowController::backupContentDescriptionLabel() const
 {
     return m_ui->backupContentDescriptionLabel;
 }
-QLabel* InspectorWindowController::notCopiedLabel() const { return m_ui->notCopiedLabel; }
-QPlainTextEdit* InspectorWindowController::notCopiedList() const { return m_ui->notCopiedList; }
+QLabel* InspectorWindowController::notCopiedLabel() const
+{
+    return m_ui->notCopiedLabel;
+}
+QPlainTextEdit* InspectorWindowController::notCopiedList() const
+{
+    return m_ui->notCopiedList;
+}

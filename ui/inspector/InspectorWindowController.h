@@ -2,9 +2,9 @@
 
 #include "store/BackupRecord.h"
 
-#include <QWidget>
 #include <cstdint>
 #include <memory>
+#include <QWidget>
 
 class FileManager;
 class QLabel;
@@ -24,7 +24,7 @@ class InspectorWindowController : public QWidget {
 
 public:
     struct ContainerEntry {
-        QString appName;       // the folder name after its last "~"
+        QString appName; // the folder name after its last "~"
         std::uint64_t containerSize = 0;
         QString containerPath;
         std::int32_t containerFilesCount = 0;

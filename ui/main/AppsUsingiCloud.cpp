@@ -7,8 +7,8 @@ namespace {
 QStringList containerIdentifiers(const QString& folder)
 {
     QStringList containers;
-    const QStringList names =
-        QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
+    const QStringList names = QDir(folder).entryList(
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
     for (const QString& name : names) {
         if (!name.startsWith(QLatin1Char('.')))
             containers << QString(name).replace(QLatin1Char('~'), QLatin1Char('.'));

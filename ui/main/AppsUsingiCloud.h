@@ -2,8 +2,8 @@
 
 #include "platform/RunningApplications.h"
 
-#include <QString>
 #include <optional>
+#include <QString>
 
 // Which running applications use the iCloud folder: for each container folder (its name with every "~"
 // read as "."; names beginning with "." skipped), in listing order, each running application, in the

@@ -1,8 +1,8 @@
 #include "BackupAlerts.h"
 
+#include "platform/AlertPresenter.h"
 #include "platform/Localizer.h"
 #include "store/iCloudPrefs.h"
-#include "platform/AlertPresenter.h"
 
 #include <QLocale>
 
@@ -103,8 +103,9 @@ void BackupAlerts::runiCloudDriveRequiredAlert()
 
 void BackupAlerts::runItemsNotCopiedAlert(int count, const QString& details)
 {
-    const QString message = count == 1 ? text("alertOneItemNotCopiedMessage")
-                                       : text("formatStringItemsNotCopiedMessage").arg(QLocale().toString(count));
+    const QString message = count == 1
+                                ? text("alertOneItemNotCopiedMessage")
+                                : text("formatStringItemsNotCopiedMessage").arg(QLocale().toString(count));
     runNotice(message, text("alertItemsNotCopiedInfo"), details);
 }
 
@@ -115,14 +116,15 @@ void BackupAlerts::runBackupNotMadeAlert(const QString& folder, const QString& r
 
 void BackupAlerts::runPreferencesNotSavedAlert(const QString& file, const QString& reason)
 {
-    runNotice(text("alertPreferencesNotSavedMessage"),
-              text("formatStringItemNotWritten").arg(file, reason) + QStringLiteral("\n\n") +
-                  text("alertPreferencesNotSavedInfo"));
+    runNotice(text("alertPreferencesNotSavedMessage"), text("formatStringItemNotWritten").arg(file, reason) +
+                                                           QStringLiteral("\n\n") +
+                                                           text("alertPreferencesNotSavedInfo"));
 }
 
 void BackupAlerts::runBackupNotRemovedAlert(const QString& item, const QString& reason)
 {
-    runNotice(text("alertBackupNotRemovedMessage"), text("formatStringBackupNotRemovedInfo").arg(item, reason));
+    runNotice(text("alertBackupNotRemovedMessage"),
+              text("formatStringBackupNotRemovedInfo").arg(item, reason));
 }
 
 void BackupAlerts::runRestoreIncompleteAlert(const QString& summary, const QString& details)

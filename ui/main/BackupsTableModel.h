@@ -1,8 +1,8 @@
 #pragma once
 
+#include <functional>
 #include <QAbstractTableModel>
 #include <QStringList>
-#include <functional>
 
 // The backups table's rows, asked of its owner through the source: row i is backup record i. The
 // columns are identified by "date" and "size"; their header titles are set by the owner.

@@ -1,49 +1,49 @@
 #include "MainWindowController.h"
 
-#include "platform/ByteCountFormatter.h"
+#include "engine/NotCopiedList.h"
+#include "engine/UnfinishedMark.h"
+#include "Helpers/BundleInfo.h"
 #include "Helpers/CocoaAdditions.h"
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/ItemRemover.h"
-#include "platform/Localizer.h"
-#include "ui/home/HomeFolderAcquisition.h"
-#include "store/iCloudPrefs.h"
-#include "store/BackupRoot.h"
-#include "engine/NotCopiedList.h"
-#include "engine/UnfinishedMark.h"
 #include "operations/Background.h"
 #include "operations/Logging.h"
 #include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
-#include "platform/PasswordDatabase.h"
-#include "Helpers/BundleInfo.h"
+#include "platform/ByteCountFormatter.h"
 #include "platform/FileManager.h"
 #include "platform/FolderChooser.h"
+#include "platform/Localizer.h"
+#include "platform/PasswordDatabase.h"
 #include "platform/RunningApplications.h"
 #include "platform/UserDefaults.h"
+#include "store/BackupRoot.h"
+#include "store/iCloudPrefs.h"
+#include "ui/home/HomeFolderAcquisition.h"
 #include "ui/main/AppsUsingiCloud.h"
 #include "ui/main/BackupAlerts.h"
-#include "ui/quitapps/QuitAppsRequestWindowController.h"
 #include "ui/main/BackupsTableModel.h"
+#include "ui/quitapps/QuitAppsRequestWindowController.h"
 #include "ui_MainWindowController.h"
 #include "ui_OperationProgressWindow.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstring>
 #include <QApplication>
 #include <QCloseEvent>
 #include <QDir>
 #include <QFileInfo>
-#include <QProgressBar>
 #include <QGraphicsDropShadowEffect>
 #include <QHeaderView>
 #include <QKeyEvent>
 #include <QMenu>
+#include <QProgressBar>
 #include <QScreen>
 #include <QShortcut>
 #include <QThread>
-#include <algorithm>
-#include <cmath>
-#include <cstring>
-#include <utility>
 #include <sys/stat.h>
+#include <utility>
 
 namespace {
 
@@ -80,7 +80,8 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     m_progressUi->setupUi(m_operationProgressWindow.get());
     m_tableModel = new BackupsTableModel(
         {.numberOfRows = [this] { return numberOfRowsInTableView(); },
-         .objectValue = [this](const QString& column, int row) { return objectValueForTableColumn(column, row); }},
+         .objectValue = [this](const QString& column,
+                               int row) { return objectValueForTableColumn(column, row); }},
         this);
     m_ui->backupsTable->setModel(m_tableModel);
     connect(m_tableModel, &QAbstractItemModel::modelReset, this, &MainWindowController::commandStatesChanged);
@@ -94,10 +95,11 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     connect(m_progressUi->cancelCopyingBtn, &QPushButton::clicked, this, [this] { cancelCopying(); });
     // A window that shows running work is not dismissed without cancelling it.
     m_operationProgressWindow->installEventFilter(this);
-    m_services.defaults.setWriteFailureObserver([controller = QPointer<MainWindowController>(this)](const UserDefaults::WriteFailure& failure) {
-        if (controller)
-            controller->preferencesWriteFailed(failure.filePath, failure.reason);
-    });
+    m_services.defaults.setWriteFailureObserver(
+        [controller = QPointer<MainWindowController>(this)](const UserDefaults::WriteFailure& failure) {
+            if (controller)
+                controller->preferencesWriteFailed(failure.filePath, failure.reason);
+        });
 }
 
 MainWindowController::~MainWindowController()
@@ -195,14 +197,18 @@ void MainWindowController::connectTable()
     table->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
     table->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Interactive);
     table->horizontalHeader()->resizeSection(1, 150);
-    connect(table, &QAbstractItemView::doubleClicked, this, [this] { performAction(Action::ShowBackupInfo); });
-    connect(m_ui->deleteBackupBtn, &QPushButton::clicked, this, [this] { performAction(Action::DeleteBackup); });
-    connect(m_ui->showInFinderBtn, &QPushButton::clicked, this, [this] { performAction(Action::ShowInFinder); });
+    connect(table, &QAbstractItemView::doubleClicked, this,
+            [this] { performAction(Action::ShowBackupInfo); });
+    connect(m_ui->deleteBackupBtn, &QPushButton::clicked, this,
+            [this] { performAction(Action::DeleteBackup); });
+    connect(m_ui->showInFinderBtn, &QPushButton::clicked, this,
+            [this] { performAction(Action::ShowInFinder); });
     connect(m_ui->restoreFromBackupBtn, &QPushButton::clicked, this,
             [this] { performAction(Action::RestoreFromBackup); });
     connect(m_ui->backUpNowBtn, &QPushButton::clicked, this, [this] { performAction(Action::BackUpNow); });
     // The bare Delete key, as the context menu shows it, also works on the table itself.
-    auto* deleteKey = new QShortcut(QKeySequence(Qt::Key_Delete), table, nullptr, nullptr, Qt::WidgetShortcut);
+    auto* deleteKey =
+        new QShortcut(QKeySequence(Qt::Key_Delete), table, nullptr, nullptr, Qt::WidgetShortcut);
     connect(deleteKey, &QShortcut::activated, this, [this] {
         if (!m_iCloudBeingRestored)
             performAction(Action::DeleteBackup);
@@ -279,10 +285,11 @@ QMenu* MainWindowController::contextualMenuForTableView(CustomTableView* table, 
     auto* menu = new QMenu(table);
     addMenuItem(menu, QStringLiteral("contextMenuItemTitleGetInfo"), Action::ShowBackupInfo,
                 QKeySequence(Qt::CTRL | Qt::Key_I), row);
-    addMenuItem(menu, QStringLiteral("titleShowInFinder"), Action::ShowInFinder, QKeySequence(Qt::CTRL | Qt::Key_O),
-                row);
+    addMenuItem(menu, QStringLiteral("titleShowInFinder"), Action::ShowInFinder,
+                QKeySequence(Qt::CTRL | Qt::Key_O), row);
     addMenuItem(menu, QStringLiteral("btnTitleRestore"), Action::RestoreFromBackup, QKeySequence(), row);
-    addMenuItem(menu, QStringLiteral("btnTitleDelete"), Action::DeleteBackup, QKeySequence(Qt::Key_Delete), row);
+    addMenuItem(menu, QStringLiteral("btnTitleDelete"), Action::DeleteBackup, QKeySequence(Qt::Key_Delete),
+                row);
     connect(menu, &QMenu::aboutToShow, this, [this, menu] {
         for (QAction* item : menu->actions())
             item->setEnabled(validateMenuItem(item));
@@ -347,7 +354,8 @@ void MainWindowController::pathWatcherEventOccurred(SCEvents*, const std::shared
 
 int MainWindowController::calculateCountOfRunningAppsThatUseiCloud() const
 {
-    return static_cast<int>(AppsUsingiCloud::detect(m_services.runningApplications, m_mobileDocumentsDirectory).size());
+    return static_cast<int>(
+        AppsUsingiCloud::detect(m_services.runningApplications, m_mobileDocumentsDirectory).size());
 }
 
 void MainWindowController::setLastBackupInfo()
@@ -378,7 +386,10 @@ void MainWindowController::setiCloudSize()
     const std::string path = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
     std::shared_ptr<std::atomic<bool>> stop = m_stopMeasures;
     runInBackground(
-        this, [path, stop] { return DirectoryUtility::sizeForDirectoryAtPath(path, nullptr, stop.get()).totalSize; },
+        this,
+        [path, stop] {
+            return DirectoryUtility::sizeForDirectoryAtPath(path, nullptr, stop.get()).totalSize;
+        },
         [this](std::uint64_t size) { finishiCloudSizeCalculation(size); });
 }
 
@@ -443,7 +454,8 @@ bool MainWindowController::askForHomeDirectory()
     m_services.setHomeDirectory(*chosen);
     const std::optional<std::string> bookmark = Bookmark::create(QFile::encodeName(*chosen).toStdString());
     if (bookmark) {
-        m_services.defaults.setDataForKey(QByteArray::fromStdString(*bookmark), iCloudPrefs::kHomeDirBookmarkDataKey);
+        m_services.defaults.setDataForKey(QByteArray::fromStdString(*bookmark),
+                                          iCloudPrefs::kHomeDirBookmarkDataKey);
         useHomeDirectory(*chosen);
     }
     return true; // without a bookmark the next check finds no iCloud folder and says so
@@ -456,7 +468,8 @@ void MainWindowController::useHomeDirectory(const QString& home)
     setiCloudSize();
 }
 
-void MainWindowController::showQuitAppsRequest(int tag, const char* windowTitleKey, const char* buttonTitleKey)
+void MainWindowController::showQuitAppsRequest(int tag, const char* windowTitleKey,
+                                               const char* buttonTitleKey)
 {
     if (!m_quitAppsController)
         m_quitAppsController = makeQuitAppsRequest();
@@ -496,8 +509,9 @@ void MainWindowController::beginBackUp()
 {
     const QDateTime start = m_services.now ? m_services.now() : QDateTime::currentDateTime();
     m_iCloudBackupDirectory = BackupRoot::folderPath(start);
-    m_backUpRun = std::make_unique<BackupOperation>(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
-                                                    start, m_iCloudBackupDirectory, m_services.copier);
+    m_backUpRun =
+        std::make_unique<BackupOperation>(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(), start,
+                                          m_iCloudBackupDirectory, m_services.copier);
     m_lastRun = m_backUpRun.get();
     connectRun(*m_backUpRun, "operationCopyingDataFromiCloud");
     connect(m_backUpRun.get(), &CopyOperation::ended, this, [this] { finishBackUp(); });
@@ -506,7 +520,8 @@ void MainWindowController::beginBackUp()
     m_backUpRun->start();
 }
 
-void MainWindowController::showProgressWindow(const char* titleKey, const char* infoKey, const QWidget* centerOver)
+void MainWindowController::showProgressWindow(const char* titleKey, const char* infoKey,
+                                              const QWidget* centerOver)
 {
     m_operationProgressWindow->setWindowTitle(localized(titleKey));
     m_progressUi->operationInfoLabel->setText(localized(infoKey));
@@ -591,8 +606,8 @@ void MainWindowController::finishBackUp()
 // stored record names, which the next launch removes.
 void MainWindowController::recordBackUp(const BackupOperation& run)
 {
-    const bool saved = m_backups.append(BackupRecord::make(run.startInstant(), run.backupFolder(),
-                                                           static_cast<qint64>(run.totalSizeOfItemsToCopy())));
+    const bool saved = m_backups.append(BackupRecord::make(
+        run.startInstant(), run.backupFolder(), static_cast<qint64>(run.totalSizeOfItemsToCopy())));
     if (run.createdFolder())
         m_unsavedRecordFolders << run.backupFolder();
     if (saved) {
@@ -622,7 +637,8 @@ bool MainWindowController::isRecorded(const QString& folder) const
 void MainWindowController::sweepUnfinishedBackups()
 {
     std::vector<std::pair<std::filesystem::path, bool>> marked;
-    for (std::filesystem::path& folder : UnfinishedMark::markedFolders(QFile::encodeName(BackupRoot::path()).toStdString())) {
+    for (std::filesystem::path& folder :
+         UnfinishedMark::markedFolders(QFile::encodeName(BackupRoot::path()).toStdString())) {
         const bool recorded = isRecorded(QFile::decodeName(folder.c_str()));
         marked.emplace_back(std::move(folder), recorded);
     }
@@ -684,7 +700,8 @@ void MainWindowController::beginRestore(const QString& backupFolder)
 {
     m_iCloudBackupDirectory = backupFolder;
     m_restoreRun = std::make_unique<RestoreOperation>(
-        QFile::encodeName(backupFolder).toStdString(), QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
+        QFile::encodeName(backupFolder).toStdString(),
+        QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(),
         QFile::encodeName(BackupRoot::applicationDataFolder()).toStdString(), m_services.copier);
     m_lastRun = m_restoreRun.get();
     connectRun(*m_restoreRun, "operationRestoringDataToiCloud");
@@ -692,7 +709,8 @@ void MainWindowController::beginRestore(const QString& backupFolder)
     setCopyButtonsEnabled(false);
     // Centred on the key window; without one, on the main window rather than half off the screen.
     const QWidget* keyWindow = QApplication::activeWindow();
-    showProgressWindow("windowTitleOperationRestore", "operationPreparingToCopyItems", keyWindow ? keyWindow : this);
+    showProgressWindow("windowTitleOperationRestore", "operationPreparingToCopyItems",
+                       keyWindow ? keyWindow : this);
     m_restoreRun->start();
 }
 
@@ -819,7 +837,8 @@ void MainWindowController::stopForQuit()
     if (m_restoreRun && !m_restoreRun->hasEnded()) {
         m_restoreRun->abandon();
         if (!m_restoreRun->waitForWorkers(kQuitWait))
-            qCInfo(lcRestore) << "quitting while the restore's copy had not stopped after" << kQuitWait.count() << "ms";
+            qCInfo(lcRestore) << "quitting while the restore's copy had not stopped after"
+                              << kQuitWait.count() << "ms";
         qCInfo(lcRestore) << "quit during a restore: the iCloud folder is left partly restored";
     }
 }
@@ -872,7 +891,8 @@ void MainWindowController::runItemsNotCopiedAlert(const std::vector<FsError>& it
 void MainWindowController::runBackupNotMadeAlert(const BackupOperation& run)
 {
     const FsError& error = run.folderError();
-    m_alerts->runBackupNotMadeAlert(QFile::decodeName(error.path.c_str()), QString::fromLocal8Bit(std::strerror(error.code)));
+    m_alerts->runBackupNotMadeAlert(QFile::decodeName(error.path.c_str()),
+                                    QString::fromLocal8Bit(std::strerror(error.code)));
 }
 
 void MainWindowController::preferencesWriteFailed(const QString& file, const QString& reason)
@@ -881,9 +901,9 @@ void MainWindowController::preferencesWriteFailed(const QString& file, const QSt
         return;
     // Told from the main loop, not from inside whatever was writing.
     QMetaObject::invokeMethod(
-        this, [this, file, reason] { m_alerts->runPreferencesNotSavedAlert(file, reason); }, Qt::QueuedConnection);
+        this, [this, file, reason] { m_alerts->runPreferencesNotSavedAlert(file, reason); },
+        Qt::QueuedConnection);
 }
-
 
 bool MainWindowController::isYosemiteRunning(double libraryVersion)
 {
@@ -923,19 +943,55 @@ void MainWindowController::closeEvent(QCloseEvent* event)
     QMainWindow::closeEvent(event);
 }
 
-QLabel* MainWindowController::labelCurrentlyIniCloud() const { return m_ui->labelCurrentlyIniCloud; }
-QLabel* MainWindowController::labeliCloudSize() const { return m_ui->labeliCloudSize; }
-QLabel* MainWindowController::allYourBackupsLabel() const { return m_ui->allYourBackupsLabel; }
-QLabel* MainWindowController::lastBackupInfoLabel() const { return m_ui->lastBackupInfoLabel; }
-CustomTableView* MainWindowController::backupsTable() const { return m_ui->backupsTable; }
-QPushButton* MainWindowController::deleteBackupBtn() const { return m_ui->deleteBackupBtn; }
-QPushButton* MainWindowController::showInFinderBtn() const { return m_ui->showInFinderBtn; }
-QPushButton* MainWindowController::restoreFromBackupBtn() const { return m_ui->restoreFromBackupBtn; }
-QPushButton* MainWindowController::backUpNowBtn() const { return m_ui->backUpNowBtn; }
-QLabel* MainWindowController::operationInfoLabel() const { return m_progressUi->operationInfoLabel; }
+QLabel* MainWindowController::labelCurrentlyIniCloud() const
+{
+    return m_ui->labelCurrentlyIniCloud;
+}
+QLabel* MainWindowController::labeliCloudSize() const
+{
+    return m_ui->labeliCloudSize;
+}
+QLabel* MainWindowController::allYourBackupsLabel() const
+{
+    return m_ui->allYourBackupsLabel;
+}
+QLabel* MainWindowController::lastBackupInfoLabel() const
+{
+    return m_ui->lastBackupInfoLabel;
+}
+CustomTableView* MainWindowController::backupsTable() const
+{
+    return m_ui->backupsTable;
+}
+QPushButton* MainWindowController::deleteBackupBtn() const
+{
+    return m_ui->deleteBackupBtn;
+}
+QPushButton* MainWindowController::showInFinderBtn() const
+{
+    return m_ui->showInFinderBtn;
+}
+QPushButton* MainWindowController::restoreFromBackupBtn() const
+{
+    return m_ui->restoreFromBackupBtn;
+}
+QPushButton* MainWindowController::backUpNowBtn() const
+{
+    return m_ui->backUpNowBtn;
+}
+QLabel* MainWindowController::operationInfoLabel() const
+{
+    return m_progressUi->operationInfoLabel;
+}
 QProgressBar* MainWindowController::copyingTotalProgressIndicator() const
 {
     return m_progressUi->copyingTotalProgressIndicator;
 }
-QPushButton* MainWindowController::cancelCopyingBtn() const { return m_progressUi->cancelCopyingBtn; }
-QLabel* MainWindowController::copyCountsLabel() const { return m_progressUi->copyCountsLabel; }
+QPushButton* MainWindowController::cancelCopyingBtn() const
+{
+    return m_progressUi->cancelCopyingBtn;
+}
+QLabel* MainWindowController::copyCountsLabel() const
+{
+    return m_progressUi->copyCountsLabel;
+}

@@ -1,14 +1,11 @@
 #pragma once
 
-#include "store/BackupStore.h"
 #include "operations/BackupOperation.h"
 #include "operations/RestoreOperation.h"
+#include "store/BackupStore.h"
 #include "ui/main/CustomTableView.h"
 #include "watch/SCEvents.h"
 
-#include <QDateTime>
-#include <QMainWindow>
-#include <QPointer>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -16,6 +13,9 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <QDateTime>
+#include <QMainWindow>
+#include <QPointer>
 
 class AlertPresenter;
 class BackupAlerts;
@@ -41,7 +41,9 @@ class OperationProgressWindow;
 // The one main window: the iCloud folder's size, the backups table with its buttons and context menu,
 // the last-backup line, and the progress window that copies use. It also holds the state the backup
 // operations share and the watcher of the iCloud folder, whose every event re-measures the folder.
-class MainWindowController : public QMainWindow, public CustomTableViewDelegate, public SCEventListenerProtocol {
+class MainWindowController : public QMainWindow,
+                             public CustomTableViewDelegate,
+                             public SCEventListenerProtocol {
     Q_OBJECT
 
 public:
@@ -100,10 +102,22 @@ public:
     SCEvents* folderEvents() const { return m_folderEvents.get(); }
     const QString& iCloudBackupDirectory() const { return m_iCloudBackupDirectory; }
     // The counters of the run under way, or of the last one.
-    std::uint64_t totalSizeOfItemsToCopy() const { return m_lastRun ? m_lastRun->totalSizeOfItemsToCopy() : 0; }
-    std::int32_t totalCountOfItemsToCopy() const { return m_lastRun ? m_lastRun->totalCountOfItemsToCopy() : 0; }
-    std::uint64_t currentSizeOfCopiedItems() const { return m_lastRun ? m_lastRun->currentSizeOfCopiedItems() : 0; }
-    std::int32_t currentCountOfCopiedItems() const { return m_lastRun ? m_lastRun->currentCountOfCopiedItems() : 0; }
+    std::uint64_t totalSizeOfItemsToCopy() const
+    {
+        return m_lastRun ? m_lastRun->totalSizeOfItemsToCopy() : 0;
+    }
+    std::int32_t totalCountOfItemsToCopy() const
+    {
+        return m_lastRun ? m_lastRun->totalCountOfItemsToCopy() : 0;
+    }
+    std::uint64_t currentSizeOfCopiedItems() const
+    {
+        return m_lastRun ? m_lastRun->currentSizeOfCopiedItems() : 0;
+    }
+    std::int32_t currentCountOfCopiedItems() const
+    {
+        return m_lastRun ? m_lastRun->currentCountOfCopiedItems() : 0;
+    }
     // The back-up run under way, or the last one; null before the first.
     const BackupOperation* backUpRun() const { return m_backUpRun.get(); }
     const RestoreOperation* restoreRun() const { return m_restoreRun.get(); }
@@ -223,7 +237,8 @@ private:
     void finishRestore();
     static QString restoreSummary(const RestoreOperation& run);
     static QString restoreDetails(const RestoreOperation& run);
-    static std::vector<std::pair<const char*, const std::vector<FsError>*>> restoreGroups(const RestoreOperation& run);
+    static std::vector<std::pair<const char*, const std::vector<FsError>*>>
+    restoreGroups(const RestoreOperation& run);
 
     Services m_services;
     std::unique_ptr<Ui::MainWindowController> m_ui;

@@ -39,7 +39,8 @@ void QuitAppsRequestWindowController::windowDidLoad()
 {
     m_appsToQuit.clear();
     reloadTable();
-    connect(m_ui->appsToQuitTable, &QTableWidget::cellDoubleClicked, this, [this](int row) { activateApp(row); });
+    connect(m_ui->appsToQuitTable, &QTableWidget::cellDoubleClicked, this,
+            [this](int row) { activateApp(row); });
     connect(m_ui->cancelBtn, &QPushButton::clicked, this, [this] { cancelBtnAction(); });
     connect(m_ui->backUpNowOrRestoreBtn, &QPushButton::clicked, this,
             [this] { backUpNowOrRestore(m_ui->backUpNowOrRestoreBtn); });
@@ -51,7 +52,8 @@ void QuitAppsRequestWindowController::detectAppsToQuit()
     const QList<RunningApplication> found =
         AppsUsingiCloud::detect(m_runningApplications, m_mobileDocumentsDirectory);
     for (const RunningApplication& application : found)
-        m_appsToQuit.append(AppEntry{application.localizedName, application.processIdentifier, application.icon});
+        m_appsToQuit.append(
+            AppEntry{application.localizedName, application.processIdentifier, application.icon});
 }
 
 void QuitAppsRequestWindowController::reloadTable()
@@ -78,7 +80,8 @@ void QuitAppsRequestWindowController::scheduleCheckAppsStateTimer()
     if (!m_checkAppsStateTimer) {
         m_checkAppsStateTimer = std::make_unique<QTimer>();
         m_checkAppsStateTimer->setInterval(m_checkInterval);
-        connect(m_checkAppsStateTimer.get(), &QTimer::timeout, this, [this] { checkAppsStateTimerCallback(); });
+        connect(m_checkAppsStateTimer.get(), &QTimer::timeout, this,
+                [this] { checkAppsStateTimerCallback(); });
     }
     m_checkAppsStateTimer->start();
 }
@@ -180,7 +183,19 @@ void QuitAppsRequestWindowController::setTag(QPushButton* button, int tag)
     button->setProperty(kTagProperty, tag);
 }
 
-QTableWidget* QuitAppsRequestWindowController::appsToQuitTable() const { return m_ui->appsToQuitTable; }
-QPushButton* QuitAppsRequestWindowController::cancelBtn() const { return m_ui->cancelBtn; }
-QPushButton* QuitAppsRequestWindowController::backUpNowOrRestoreBtn() const { return m_ui->backUpNowOrRestoreBtn; }
-QLabel* QuitAppsRequestWindowController::infoLabel() const { return m_ui->infoLabel; }
+QTableWidget* QuitAppsRequestWindowController::appsToQuitTable() const
+{
+    return m_ui->appsToQuitTable;
+}
+QPushButton* QuitAppsRequestWindowController::cancelBtn() const
+{
+    return m_ui->cancelBtn;
+}
+QPushButton* QuitAppsRequestWindowController::backUpNowOrRestoreBtn() const
+{
+    return m_ui->backUpNowOrRestoreBtn;
+}
+QLabel* QuitAppsRequestWindowController::infoLabel() const
+{
+    return m_ui->infoLabel;
+}

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <QDialog>
-#include <QIcon>
-#include <QList>
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <QDialog>
+#include <QIcon>
+#include <QList>
 #include <sys/types.h>
 
 class QPushButton;
@@ -40,7 +40,10 @@ public:
     ~QuitAppsRequestWindowController() override;
 
     // The folder whose users are listed; set before the window is shown.
-    void setMobileDocumentsDirectory(const std::optional<QString>& path) { m_mobileDocumentsDirectory = path; }
+    void setMobileDocumentsDirectory(const std::optional<QString>& path)
+    {
+        m_mobileDocumentsDirectory = path;
+    }
 
     void showWindow();
     void detectAppsToQuit();
