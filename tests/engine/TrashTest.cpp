@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
@@ -39,26 +39,24 @@ std::string originalPathIn(const std::string& info)
     return path;
 }
 
-// The names in a folder, with their contents for files.
-std::map<std::string, std::string> contentsOf(const fs::path& folder)
+// The original path each .trashinfo of the folder names, by the .trashinfo's name.
+std::map<std::string, std::string> originalsIn(const fs::path& info)
 {
-    std::map<std::string, std::string> contents;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder))
-        contents[entry.path().filename().native()] =
-            entry.is_regular_file() ? readFile(entry.path()) : "(folder)";
-    return contents;
+    std::map<std::string, std::string> originals;
+    for (const fs::directory_entry& entry : fs::directory_iterator(info))
+        originals[entry.path().filename().native()] = originalPathIn(readFile(entry.path()));
+    return originals;
 }
 
 class TrashTest : public ::testing::Test {
 protected:
-    // Moves the item at `path` (a path short enough to open its parent by) into `into`.
-    std::optional<FsError> moveToTrash(Trash& into, const fs::path& path)
+    // Moves the item at `path` (a path short enough to open its parent by) into `into`; the error code.
+    int moveToTrash(Trash& into, const fs::path& path)
     {
         const int parentFd = ::open(path.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        EXPECT_GE(parentFd, 0) << path;
-        std::optional<FsError> failure = into.moveToTrash(parentFd, path.filename().c_str(), path);
+        const std::optional<FsError> failure = into.moveToTrash(parentFd, path.filename().c_str(), path);
         ::close(parentFd);
-        return failure;
+        return failure ? failure->code : 0;
     }
 
     TestHome home;
@@ -68,29 +66,39 @@ protected:
 };
 
 // A name is claimed by its .trashinfo; an entry in files/ that has none is not replaced either.
-TEST_F(TrashTest, ATakenNameGetsTheNextFreeOneAndAFailedMoveLeavesNoInfo)
+TEST_F(TrashTest, ATakenNameGetsTheNextFreeOneAndEachInfoNamesTheEscapedPlaceAndLocalDate)
 {
-    writeFile(files / "report.txt.3", "left by a crash");
+    const std::string name = "R\xc3\xa9sum\xc3\xa9 100%.txt";
     for (const char* folder : {"first", "second", "third"})
-        writeFile(home.path() / folder / "report.txt", folder);
+        writeItems(home.path() / folder, {name + "=" + folder});
+    const std::time_t before = std::time(nullptr);
 
-    for (const char* folder : {"first", "second", "third"})
-        EXPECT_EQ(moveToTrash(trash, home.path() / folder / "report.txt"), std::nullopt) << folder;
-    const std::optional<FsError> missing = moveToTrash(trash, home.path() / "first" / "report.txt");
+    EXPECT_EQ(moveToTrash(trash, home.path() / "first" / name), 0);
+    for (const fs::path& folder : {files.parent_path(), files, info})
+        EXPECT_EQ(fs::status(folder).permissions(), fs::perms(0700)) << folder;
+    writeItems(files, {name + ".3=left by a crash"});
+    for (const char* folder : {"second", "third"})
+        EXPECT_EQ(moveToTrash(trash, home.path() / folder / name), 0) << folder;
+    EXPECT_EQ(moveToTrash(trash, home.path() / "first" / name), ENOENT); // and leaves no .trashinfo
 
-    ASSERT_TRUE(missing);
-    EXPECT_EQ(missing->code, ENOENT);
-    EXPECT_EQ(contentsOf(files), (std::map<std::string, std::string>{{"report.txt", "first"},
-                                                                     {"report.txt.2", "second"},
-                                                                     {"report.txt.3", "left by a crash"},
-                                                                     {"report.txt.4", "third"}}));
-    std::map<std::string, std::string> originals;
-    for (const auto& [name, content] : contentsOf(info))
-        originals[name] = originalPathIn(content);
-    EXPECT_EQ(originals, (std::map<std::string, std::string>{
-                             {"report.txt.trashinfo", (home.path() / "first" / "report.txt").native()},
-                             {"report.txt.2.trashinfo", (home.path() / "second" / "report.txt").native()},
-                             {"report.txt.4.trashinfo", (home.path() / "third" / "report.txt").native()}}));
+    EXPECT_EQ(contents(files),
+              (Items{name + "=first", name + ".2=second", name + ".3=left by a crash", name + ".4=third"}));
+    EXPECT_EQ(originalsIn(info), (std::map<std::string, std::string>{
+                                     {name + ".trashinfo", (home.path() / "first" / name).native()},
+                                     {name + ".2.trashinfo", (home.path() / "second" / name).native()},
+                                     {name + ".4.trashinfo", (home.path() / "third" / name).native()}}));
+    // Every byte beyond the unreserved ones is escaped, "/" is not; the date is local time.
+    const std::string text = readFile(info / (name + ".trashinfo"));
+    const std::string start =
+        "[Trash Info]\nPath=" + home.path().native() + "/first/R%C3%A9sum%C3%A9%20100%25.txt\nDeletionDate=";
+    ASSERT_TRUE(text.starts_with(start)) << text;
+    std::tm deleted{};
+    const char* rest = ::strptime(text.c_str() + start.size(), "%Y-%m-%dT%H:%M:%S", &deleted);
+    ASSERT_NE(rest, nullptr) << text;
+    EXPECT_STREQ(rest, "\n");
+    deleted.tm_isdst = -1;
+    EXPECT_GE(std::mktime(&deleted), before);
+    EXPECT_LE(std::mktime(&deleted), std::time(nullptr));
 }
 
 TEST_F(TrashTest, NamesThatAreNotUtf8AndPathsBeyondPathMaxAreTrashed)
@@ -104,34 +112,28 @@ TEST_F(TrashTest, NamesThatAreNotUtf8AndPathsBeyondPathMaxAreTrashed)
         deepPath /= level;
     const std::string raw = "caf\xe9 \xff.txt";
     // Too long for ".trashinfo" to be added: the entry's name is cut, between two characters.
-    std::string longName;
+    std::string longName = "x";
     for (int i = 0; i < 125; ++i)
         longName += "\xc3\xa9";
     for (const std::string& name : {raw, longName}) {
-        const int fd = ::openat(deepFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-        ASSERT_GE(fd, 0) << std::strerror(errno);
-        ASSERT_EQ(::write(fd, name.data(), name.size()), static_cast<ssize_t>(name.size()));
-        ::close(fd);
+        writeFile("/proc/self/fd/" + std::to_string(deepFd) + "/" + name, name);
+        EXPECT_EQ(trash.moveToTrash(deepFd, name.c_str(), deepPath / name), std::nullopt);
     }
 
-    for (const std::string& name : {raw, longName})
-        EXPECT_EQ(trash.moveToTrash(deepFd, name.c_str(), deepPath / name), std::nullopt);
-
     EXPECT_EQ(::faccessat(deepFd, raw.c_str(), F_OK, AT_SYMLINK_NOFOLLOW), -1);
-    const std::map<std::string, std::string> trashed = contentsOf(files);
+    const Items trashed = contents(files);
     ASSERT_EQ(trashed.size(), 2u);
-    EXPECT_EQ(trashed.at(raw), raw);
-    const std::string& cut = trashed.rbegin()->first;
+    EXPECT_EQ(*trashed.begin(), raw + "=" + raw);
+    const std::string cut = trashed.rbegin()->substr(0, trashed.rbegin()->find('='));
     EXPECT_LT(cut.size(), longName.size());
-    EXPECT_EQ(cut.size() % 2, 0u) << "cut inside a character";
+    EXPECT_NE(static_cast<unsigned char>(longName[cut.size()]) & 0xC0, 0x80) << "cut inside a character";
+    EXPECT_EQ(*trashed.rbegin(), cut + "=" + longName);
     EXPECT_TRUE(longName.starts_with(cut));
-    EXPECT_EQ(trashed.rbegin()->second, longName);
 
-    const std::string rawInfo = readFile(info / (raw + ".trashinfo"));
-    EXPECT_THAT(rawInfo, ::testing::HasSubstr("/caf%E9%20%FF.txt\n"));
-    EXPECT_GT(originalPathIn(rawInfo).size(), static_cast<std::size_t>(PATH_MAX));
-    EXPECT_EQ(originalPathIn(rawInfo), (deepPath / raw).native());
-    EXPECT_EQ(originalPathIn(readFile(info / (cut + ".trashinfo"))), (deepPath / longName).native());
+    EXPECT_NE(readFile(info / (raw + ".trashinfo")).find("/caf%E9%20%FF.txt\n"), std::string::npos);
+    EXPECT_EQ(originalsIn(info),
+              (std::map<std::string, std::string>{{raw + ".trashinfo", (deepPath / raw).native()},
+                                                  {cut + ".trashinfo", (deepPath / longName).native()}}));
 }
 
 // Off the data home's volume, an item goes to its own volume's top directory: the administrator's
@@ -144,34 +146,28 @@ TEST_F(TrashTest, AnotherVolumeUsesATrashInItsTopDirectory)
         GTEST_SKIP() << "cannot mount a tmpfs here: " << std::strerror(errno);
     const std::shared_ptr<void> unmount(nullptr, [&](void*) { ::umount2(volume.c_str(), MNT_DETACH); });
     const std::string uid = std::to_string(::getuid());
-    for (const char* name : {"a.txt", "b.txt", "c.txt"})
-        writeFile(volume / "docs" / name, name);
-    makeFolder(volume / ".Trash");
+    writeItems(volume, {"docs/a.txt=a", "docs/b.txt=b", "docs/c.txt=c", ".Trash=/"});
     ::chmod((volume / ".Trash").c_str(), 0777);
 
-    EXPECT_EQ(moveToTrash(trash, volume / "docs" / "a.txt"), std::nullopt);
+    EXPECT_EQ(moveToTrash(trash, volume / "docs" / "a.txt"), 0);
     const fs::path own = volume / (".Trash-" + uid);
-    struct stat status {};
-    ASSERT_EQ(::lstat(own.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0700u);
-    EXPECT_EQ(readFile(own / "files" / "a.txt"), "a.txt");
+    EXPECT_EQ(fs::symlink_status(own).permissions(), fs::perms(0700));
+    EXPECT_EQ(contents(own / "files"), (Items{"a.txt=a"}));
     EXPECT_EQ(originalPathIn(readFile(own / "info" / "a.txt.trashinfo")), "docs/a.txt");
     EXPECT_FALSE(fs::exists(home.dataHome() / "Trash"));
 
     ::chmod((volume / ".Trash").c_str(), 01777);
     Trash shared(home.dataHome());
-    EXPECT_EQ(moveToTrash(shared, volume / "docs" / "b.txt"), std::nullopt);
-    EXPECT_EQ(readFile(volume / ".Trash" / uid / "files" / "b.txt"), "b.txt");
+    EXPECT_EQ(moveToTrash(shared, volume / "docs" / "b.txt"), 0);
+    EXPECT_EQ(contents(volume / ".Trash" / uid / "files"), (Items{"b.txt=b"}));
     EXPECT_EQ(originalPathIn(readFile(volume / ".Trash" / uid / "info" / "b.txt.trashinfo")), "docs/b.txt");
 
     removeTree(volume / ".Trash");
     ::chmod(own.c_str(), 0755);
     Trash refusing(home.dataHome());
-    const std::optional<FsError> refused = moveToTrash(refusing, volume / "docs" / "c.txt");
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->code, Trash::kNoTrash);
-    EXPECT_EQ(readFile(volume / "docs" / "c.txt"), "c.txt");
-    EXPECT_EQ(contentsOf(own / "info").size(), 1u);
+    EXPECT_EQ(moveToTrash(refusing, volume / "docs" / "c.txt"), Trash::kNoTrash);
+    EXPECT_EQ(readFile(volume / "docs" / "c.txt"), "c");
+    EXPECT_EQ(originalsIn(own / "info").size(), 1u);
 }
 
 } // namespace
