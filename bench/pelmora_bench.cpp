@@ -1,5 +1,6 @@
 // Exposes the engine to the benchmark scripts under bench/: one sub-command per operation.
 #include "engine/DirectoryCopier.h"
+#include "engine/PreviousBackup.h"
 #include "engine/RestorePreparation.h"
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/ParallelWalk.h"
@@ -22,6 +23,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -43,7 +45,7 @@ int usage()
     std::fprintf(stderr, "usage: pelmora-bench measure DIR\n"
                          "       pelmora-bench watch DIR [LATENCY_SECONDS]\n"
                          "       pelmora-bench ui-latency DIR [ROUNDS]\n"
-                         "       pelmora-bench copy SRC DST\n"
+                         "       pelmora-bench copy SRC DST [PREVIOUS_BACKUP]\n"
                          "       pelmora-bench restore LIVE BACKUP\n"
                          "  PELMORA_BENCH_RSS=1 also prints memory figures (kB) on stderr\n");
     return 2;
@@ -206,11 +208,15 @@ public:
 
     // On a worker thread. The main thread then applies the updates still waiting and leaves its loop.
     CopyOutcome runThenQuit(const std::filesystem::path& source, const std::filesystem::path& destination,
-                            const std::atomic<bool>& cancel)
+                            const std::atomic<bool>& cancel, const std::filesystem::path& previousBackup)
     {
+        std::optional<PreviousBackup> previous;
+        if (!previousBackup.empty())
+            previous.emplace(previousBackup);
         CopyOutcome outcome = DirectoryCopier::copyDirectoryAtPath(
             source, destination, cancel,
-            [this](const std::filesystem::path& copiedSource) { m_progress->post(copiedSource); });
+            [this](const std::filesystem::path& copiedSource) { m_progress->post(copiedSource); }, nullptr,
+            previous ? &*previous : nullptr);
         QMetaObject::invokeMethod(
             QCoreApplication::instance(),
             [this] {
@@ -230,17 +236,20 @@ private:
 
 // Copies SRC into DST the way a backup runs: the walk on a worker thread, its progress handed to the main
 // thread's event loop through the window's relay, where each copied file is looked up and its size added.
+// Given a previous backup, files it holds unchanged are linked to, as a second backup does.
 int copy(int argc, char* argv[])
 {
     QCoreApplication application(argc, argv);
     const std::filesystem::path source(argv[2]);
     const std::filesystem::path destination(argv[3]);
+    const std::filesystem::path previousBackup(argc > 4 ? argv[4] : "");
     std::atomic<bool> cancelRequested{false};
     WindowedCopy copying(&application);
     CopyOutcome outcome;
     using Clock = std::chrono::steady_clock;
     const Clock::time_point started = Clock::now();
-    std::thread worker([&] { outcome = copying.runThenQuit(source, destination, cancelRequested); });
+    std::thread worker(
+        [&] { outcome = copying.runThenQuit(source, destination, cancelRequested, previousBackup); });
     QCoreApplication::exec();
     const Clock::time_point ended = Clock::now();
     worker.join();
@@ -306,7 +315,7 @@ int main(int argc, char* argv[])
         return watch(argc, argv);
     if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "ui-latency") == 0)
         return uiLatency(argc, argv);
-    if (argc == 4 && std::strcmp(argv[1], "copy") == 0)
+    if ((argc == 4 || argc == 5) && std::strcmp(argv[1], "copy") == 0)
         return copy(argc, argv);
     if (argc == 4 && std::strcmp(argv[1], "restore") == 0)
         return restore(argc, argv);

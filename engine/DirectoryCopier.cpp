@@ -1,6 +1,8 @@
 #include "DirectoryCopier.h"
 
+#include "engine/HardLinkGroups.h"
 #include "engine/ItemCopier.h"
+#include "engine/PreviousBackup.h"
 #include "Helpers/DirectoryUtility.h"
 #include "Helpers/FolderNames.h"
 
@@ -21,6 +23,8 @@ namespace {
 
 constexpr int kOpenFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kOpenRootFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+// The previous backup's folders are only linked from, never read.
+constexpr int kOpenPreviousFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // A folder being filled stays private; it gets the source folder's permission bits once it is complete.
 constexpr mode_t kFillingFolderMode = S_IRWXU;
 constexpr std::size_t kListingChunkBytes = 32 * 1024;
@@ -129,6 +133,9 @@ struct Level {
     // -1 while the level's descriptors are given up, or when one could not be taken back.
     int sourceFd = -1;
     int destinationFd = -1;
+    // The same folder in the previous backup, while its files may be shared: -1 when there is none, and
+    // for good once the level gave its descriptors up.
+    int previousFd = -1;
     Listing listing;
     // What the destination folder held when the walk came to it: nothing, when the walk created it.
     FolderNames destinationNames;
@@ -159,9 +166,14 @@ bool isFolder(int parentFd, const dirent64& entry)
     return ::fstatat(parentFd, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(status.st_mode);
 }
 
+int openFolderWith(int parentFd, const std::string& name, int flags)
+{
+    return ::openat(parentFd, name.c_str(), flags);
+}
+
 int openFolder(int parentFd, const std::string& name)
 {
-    return ::openat(parentFd, name.c_str(), kOpenFolderFlags);
+    return openFolderWith(parentFd, name, kOpenFolderFlags);
 }
 
 std::optional<struct stat> folderStatus(int folderFd, int parentFd, const std::string& name)
@@ -220,7 +232,9 @@ void closeDescriptors(Level& level)
         ::close(level.sourceFd);
     if (level.destinationFd >= 0)
         ::close(level.destinationFd);
-    level.sourceFd = level.destinationFd = -1;
+    if (level.previousFd >= 0)
+        ::close(level.previousFd);
+    level.sourceFd = level.destinationFd = level.previousFd = -1;
 }
 
 void appendName(std::string& path, const char* name)
@@ -234,13 +248,15 @@ class Copy {
 public:
     Copy(const std::filesystem::path& source, const std::filesystem::path& destination,
          const std::atomic<bool>& cancelRequested, const DirectoryCopier::Progress& progress,
-         const std::atomic<bool>* abandonRequested)
+         const std::atomic<bool>* abandonRequested, PreviousBackup* previous)
         : m_source(source)
         , m_destination(destination)
         , m_cancelRequested(cancelRequested)
         , m_progress(progress)
         , m_abandonRequested(abandonRequested)
         , m_itemCopier(abandonRequested)
+        , m_previous(previous)
+        , m_hardLinks(destination)
         , m_sourcePath(source.native())
         , m_rootPathLength(m_sourcePath.size())
     {
@@ -303,8 +319,26 @@ private:
             root.sourceStatus = folderStatus(root.sourceFd, AT_FDCWD, m_source.native());
         else
             root.destinationNames = FolderNames(root.destinationFd);
+        root.previousFd = openPreviousRoot(root.destinationFd);
         root.sourcePathLength = m_sourcePath.size();
         push(std::move(root));
+    }
+
+    // Links cannot reach across volumes; and a previous backup that is the destination itself (two runs
+    // in one second) holds nothing to share.
+    int openPreviousRoot(int destinationFd) const
+    {
+        if (!m_previous || !m_previous->mayShare({}))
+            return -1;
+        const int fd = ::open(m_previous->folder().c_str(), kOpenPreviousFlags & ~O_NOFOLLOW);
+        const Identity previous = identityOf(fd);
+        const Identity destination = identityOf(destinationFd);
+        if (previous.known && destination.known && previous.device == destination.device &&
+            previous.inode != destination.inode)
+            return fd;
+        if (fd >= 0)
+            ::close(fd);
+        return -1;
     }
 
     // Whether this walk made the folder itself; nothing when it is not there and cannot be made. Whatever
@@ -365,8 +399,7 @@ private:
             DirectoryUtility::isAliasFile(level.sourceFd, name))
             return;
         // A failed copy leaves nothing in its place, so the next run tries the item again.
-        if (const std::optional<FsError> failure =
-                m_itemCopier.copyItem(level.sourceFd, name, level.destinationFd, name)) {
+        if (const std::optional<FsError> failure = copyOrLink(level, name)) {
             if (failure->code == ECANCELED && abandoned()) {
                 m_outcome.ending = CopyOutcome::Ending::Cancelled;
                 return;
@@ -382,6 +415,43 @@ private:
             return;
         }
         m_progress(sourcePathOf(name));
+    }
+
+    // A regular file may become a link: to the copy of a file met before under another name, or to the
+    // previous backup's unchanged copy. Anything else is copied.
+    std::optional<FsError> copyOrLink(const Level& level, const char* name)
+    {
+        struct stat status {};
+        if (::fstatat(level.sourceFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+            return FsError{"fstatat", name, errno};
+        if (!S_ISREG(status.st_mode))
+            return m_itemCopier.copyItem(level.sourceFd, name, level.destinationFd, name);
+        if (status.st_nlink > 1 && m_hardLinks.linkToEarlierCopy(status, level.destinationFd, name))
+            return std::nullopt;
+        if (!sharedWithPrevious(level, name, status)) {
+            if (std::optional<FsError> failure =
+                    m_itemCopier.copyItem(level.sourceFd, name, level.destinationFd, name))
+                return failure;
+        }
+        if (status.st_nlink > 1)
+            m_hardLinks.remember(status, level.destinationFd, name, relativePath(name));
+        return std::nullopt;
+    }
+
+    bool sharedWithPrevious(const Level& level, const char* name, const struct stat& status)
+    {
+        if (level.previousFd < 0)
+            return false;
+        if (m_previous->listsItemsNotCopied() && !m_previous->mayShare(relativePath(name)))
+            return false;
+        return m_previous->linkUnchanged(level.sourceFd, name, status, level.previousFd, level.destinationFd);
+    }
+
+    int openPreviousFolder(const Level& parent, const std::string& name, const std::string& relative) const
+    {
+        if (parent.previousFd < 0 || !m_previous->mayShare(relative))
+            return -1;
+        return openFolderWith(parent.previousFd, name, kOpenPreviousFlags);
     }
 
     // The destination folder comes first, so that it is there (empty) even when the source folder cannot
@@ -414,6 +484,7 @@ private:
             return;
         }
         parent.listing.keepUnreadOnly();
+        child.previousFd = openPreviousFolder(parent, name, relative);
         if (created)
             child.sourceStatus = folderStatus(child.sourceFd, parent.sourceFd, name);
         else
@@ -515,6 +586,8 @@ private:
     const DirectoryCopier::Progress& m_progress;
     const std::atomic<bool>* m_abandonRequested;
     ItemCopier m_itemCopier;
+    PreviousBackup* m_previous;
+    HardLinkGroups m_hardLinks;
     std::vector<Level> m_stack;
     std::size_t m_firstHeld = 0;
     std::string m_sourcePath;
@@ -528,7 +601,8 @@ CopyOutcome DirectoryCopier::copyDirectoryAtPath(const std::filesystem::path& so
                                                  const std::filesystem::path& destination,
                                                  const std::atomic<bool>& cancelRequested,
                                                  const Progress& progress,
-                                                 const std::atomic<bool>* abandonRequested)
+                                                 const std::atomic<bool>* abandonRequested,
+                                                 PreviousBackup* previous)
 {
-    return Copy(source, destination, cancelRequested, progress, abandonRequested).run();
+    return Copy(source, destination, cancelRequested, progress, abandonRequested, previous).run();
 }

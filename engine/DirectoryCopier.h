@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <functional>
 
+class PreviousBackup;
+
 // Copies a folder tree into another folder, for a backup and for a restore, on a background thread.
 //
 // - Entries are taken in the order the file system lists them, depth first. A ".DS_Store" entry is left
@@ -33,6 +35,10 @@
 //   and times when the walk leaves it, so that the copy matches its original; folders that were there
 //   already keep their own. Attributes that cannot be given are listed too. A destination folder is
 //   created even when its source folder cannot be opened, so that the copy shows where the hole is.
+// - A regular file with further names in the source becomes a hard link to the copy of the first name
+//   met (HardLinkGroups). Given a previous backup, an unchanged file becomes a hard link to that backup's
+//   copy (PreviousBackup). Either way the item counts and reports progress as a copied one, and when the
+//   link cannot be made the file is copied.
 // - Nothing is opened by path below the two roots: folders are opened relative to their parent's
 //   descriptor without following links, so trees deeper than PATH_MAX are copied and a link swapped in
 //   for a folder is never followed (at the roots themselves a link is followed).
@@ -53,5 +59,6 @@ public:
     static CopyOutcome copyDirectoryAtPath(const std::filesystem::path& source,
                                            const std::filesystem::path& destination,
                                            const std::atomic<bool>& cancelRequested, const Progress& progress,
-                                           const std::atomic<bool>* abandonRequested = nullptr);
+                                           const std::atomic<bool>* abandonRequested = nullptr,
+                                           PreviousBackup* previous = nullptr);
 };

@@ -59,10 +59,19 @@ bool isCopiedAttribute(const char* name)
     return std::strncmp(name, "security.", 9) != 0;
 }
 
-std::optional<FsError> writeAll(int destination, const char* data, std::size_t size, const char* name)
+std::optional<FsError> writeAllAt(int destination, const char* data, std::size_t size, off_t offset,
+                                  const char* name)
 {
-    if (const int code = FileDescriptor::writeAll(destination, data, size))
-        return FsError{"write", name, code};
+    while (size > 0) {
+        const ssize_t written = ::pwrite(destination, data, size, offset);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return FsError{"write", name, written < 0 ? errno : EIO};
+        data += written;
+        size -= static_cast<std::size_t>(written);
+        offset += written;
+    }
     return std::nullopt;
 }
 
@@ -200,12 +209,62 @@ std::optional<FsError> ItemCopier::copyContent(int source, const struct stat& st
     // Read once from start to end: a larger read-ahead keeps the disk busy when the file is not cached.
     if (status.st_size >= kSequentialHintBytes)
         ::posix_fadvise(source, 0, 0, POSIX_FADV_SEQUENTIAL);
-    off_t remaining = status.st_size;
+    // ENXIO: the file is one hole. A file system that cannot tell where the holes are answers EINVAL, and
+    // the file is copied whole.
+    if (hasHoles(status) && (::lseek(source, 0, SEEK_DATA) >= 0 || errno == ENXIO))
+        return copyDataOnly(source, status.st_size, destination, sourceName, destinationName);
+    return copyRange(source, 0, status.st_size, destination, sourceName, destinationName);
+}
+
+// Fewer blocks than the length needs: some of it is holes, which read as zeros but take no space.
+bool ItemCopier::hasHoles(const struct stat& status)
+{
+    return status.st_blocks * 512 < status.st_size;
+}
+
+// Only the parts that hold data are written, so that the copy keeps the original's holes (a disk image
+// of 1 GiB holding 4 KiB of data stays 4 KiB); a hole at the end is the length set last.
+std::optional<FsError> ItemCopier::copyDataOnly(int source, off_t size, int destination,
+                                                const char* sourceName, const char* destinationName)
+{
+    for (off_t offset = 0; offset < size;) {
+        const off_t data = ::lseek(source, offset, SEEK_DATA);
+        if (data < 0 && errno == ENXIO)
+            break;
+        if (data < 0)
+            return FsError{"lseek", sourceName, errno};
+        const off_t hole = ::lseek(source, data, SEEK_HOLE);
+        if (hole < 0)
+            return FsError{"lseek", sourceName, errno};
+        const off_t end = std::min(hole, size);
+        if (data >= end)
+            break;
+        if (std::optional<FsError> failure =
+                copyRange(source, data, end - data, destination, sourceName, destinationName))
+            return failure;
+        offset = end;
+    }
+    return extendTo(destination, size, destinationName);
+}
+
+std::optional<FsError> ItemCopier::extendTo(int destination, off_t size, const char* destinationName)
+{
+    if (::ftruncate(destination, size) != 0)
+        return FsError{"ftruncate", destinationName, errno};
+    return std::nullopt;
+}
+
+std::optional<FsError> ItemCopier::copyRange(int source, off_t offset, off_t length, int destination,
+                                             const char* sourceName, const char* destinationName)
+{
+    loff_t in = offset;
+    loff_t out = offset;
+    off_t remaining = length;
     while (remaining > 0) {
         if (abandoned())
             return FsError{"copy_file_range", sourceName, ECANCELED};
         const std::size_t wanted = std::min<std::size_t>(static_cast<std::size_t>(remaining), kRangeBytes);
-        const ssize_t copied = ::copy_file_range(source, nullptr, destination, nullptr, wanted, 0);
+        const ssize_t copied = ::copy_file_range(source, &in, destination, &out, wanted, 0);
         if (copied > 0) {
             remaining -= copied;
             continue;
@@ -215,14 +274,14 @@ std::optional<FsError> ItemCopier::copyContent(int source, const struct stat& st
         if (copied < 0 && !isRefusal(errno))
             return FsError{"copy_file_range", sourceName, errno};
         // Refused, or an early end that some file systems give instead of a refusal: reading tells which.
-        // Both descriptors' offsets stand where the kernel stopped.
         break;
     }
-    return copyByReadAndWrite(source, remaining, destination, sourceName, destinationName);
+    return copyByReadAndWrite(source, in, remaining, destination, sourceName, destinationName);
 }
 
-std::optional<FsError> ItemCopier::copyByReadAndWrite(int source, off_t remaining, int destination,
-                                                      const char* sourceName, const char* destinationName)
+std::optional<FsError> ItemCopier::copyByReadAndWrite(int source, off_t offset, off_t remaining,
+                                                      int destination, const char* sourceName,
+                                                      const char* destinationName)
 {
     if (remaining > 0 && m_transfer.empty())
         m_transfer.resize(kTransferBytes);
@@ -231,16 +290,17 @@ std::optional<FsError> ItemCopier::copyByReadAndWrite(int source, off_t remainin
             return FsError{"read", sourceName, ECANCELED};
         const std::size_t wanted =
             std::min<std::size_t>(static_cast<std::size_t>(remaining), m_transfer.size());
-        const ssize_t got = ::read(source, m_transfer.data(), wanted);
+        const ssize_t got = ::pread(source, m_transfer.data(), wanted, offset);
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)
             return FsError{"read", sourceName, errno};
         if (got == 0)
             return std::nullopt;
-        if (std::optional<FsError> failure =
-                writeAll(destination, m_transfer.data(), static_cast<std::size_t>(got), destinationName))
+        if (std::optional<FsError> failure = writeAllAt(
+                destination, m_transfer.data(), static_cast<std::size_t>(got), offset, destinationName))
             return failure;
+        offset += got;
         remaining -= got;
     }
     return std::nullopt;

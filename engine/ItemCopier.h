@@ -15,7 +15,8 @@
 // - Nothing is ever overwritten: the copy is created exclusively, and an item of any kind already at the
 //   destination (a dangling link included) makes the copy fail with EEXIST. Nothing is written through a
 //   symbolic link, at either end.
-// - A regular file gets its content (reflink clone, else copy_file_range, else read and write), its
+// - A regular file gets its content (reflink clone, else copy_file_range, else read and write; of a file
+//   with holes only the parts holding data, found with SEEK_DATA and SEEK_HOLE, so the holes stay), its
 //   extended attributes (those the destination accepts, never "security." ones), its permission bits and,
 //   last, its access and modification times to the nanosecond. A link gets its target and its own times;
 //   a FIFO its permissions and times. Devices and sockets are not copied: they fail with ENOTSUP.
@@ -52,7 +53,13 @@ private:
                                            const char* sourceName, const char* destinationName);
     std::optional<FsError> copyContent(int source, const struct stat& status, int destination,
                                        const char* sourceName, const char* destinationName);
-    std::optional<FsError> copyByReadAndWrite(int source, off_t remaining, int destination,
+    static bool hasHoles(const struct stat& status);
+    std::optional<FsError> copyDataOnly(int source, off_t size, int destination, const char* sourceName,
+                                        const char* destinationName);
+    static std::optional<FsError> extendTo(int destination, off_t size, const char* destinationName);
+    std::optional<FsError> copyRange(int source, off_t offset, off_t length, int destination,
+                                     const char* sourceName, const char* destinationName);
+    std::optional<FsError> copyByReadAndWrite(int source, off_t offset, off_t remaining, int destination,
                                               const char* sourceName, const char* destinationName);
     std::optional<FsError> copySymbolicLink(int sourceParentFd, const char* sourceName,
                                             const struct stat& status, int destinationParentFd,

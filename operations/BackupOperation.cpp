@@ -61,7 +61,7 @@ void BackupOperation::counted(std::uint64_t size, std::int32_t count)
         return endWith(Ending::NotEnoughSpace);
     if (!createFolder())
         return endWith(Ending::Failed);
-    startCopy(m_source, m_folderPath);
+    startCopy(m_source, m_folderPath, m_previousBackup);
 }
 
 // Equal passes, and so does a query that fails: not knowing is no reason to refuse.

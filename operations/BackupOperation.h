@@ -33,6 +33,12 @@ public:
     BackupOperation(std::filesystem::path source, QDateTime start, QString backupFolder, Copier copier = {},
                     QObject* parent = nullptr);
 
+    // The last complete backup: files it holds unchanged are linked to, not copied again.
+    void shareUnchangedFilesWith(std::filesystem::path previousBackup)
+    {
+        m_previousBackup = std::move(previousBackup);
+    }
+
     void start();
 
     const QDateTime& startInstant() const { return m_start; }
@@ -62,6 +68,7 @@ private:
     QDateTime m_start;
     QString m_backupFolder;
     std::filesystem::path m_folderPath;
+    std::filesystem::path m_previousBackup;
     bool m_createdFolder = false;
     Ending m_ending = Ending::Running;
     std::vector<FsError> m_notCopied;

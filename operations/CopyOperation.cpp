@@ -1,8 +1,10 @@
 #include "CopyOperation.h"
 
+#include "engine/PreviousBackup.h"
 #include "operations/ProgressRelay.h"
 
 #include <cstring>
+#include <optional>
 #include <QFile>
 #include <QSemaphore>
 #include <QStringList>
@@ -45,7 +47,8 @@ void CopyOperation::setTotals(std::uint64_t size, std::int32_t count)
     m_totalCount = count;
 }
 
-void CopyOperation::startCopy(const std::filesystem::path& source, const std::filesystem::path& destination)
+void CopyOperation::startCopy(const std::filesystem::path& source, const std::filesystem::path& destination,
+                              const std::filesystem::path& previousBackup)
 {
     std::shared_ptr<ProgressRelay> progress = ProgressRelay::create(
         this, [this](const std::filesystem::path& copiedSource) { progressUpdate(copiedSource); });
@@ -54,10 +57,15 @@ void CopyOperation::startCopy(const std::filesystem::path& source, const std::fi
     Copier copier = m_copier;
     emit copyingStarted();
     inBackground<CopyOutcome>(
-        [copier, source, destination, cancelCopy, abandon, progress] {
+        [copier, source, destination, previousBackup, cancelCopy, abandon, progress] {
+            // Its list of items not copied is read here, off the main thread.
+            std::optional<PreviousBackup> previous;
+            if (!previousBackup.empty())
+                previous.emplace(previousBackup);
             return copier(
                 source, destination, *cancelCopy,
-                [&progress](const std::filesystem::path& copied) { progress->post(copied); }, abandon.get());
+                [&progress](const std::filesystem::path& copied) { progress->post(copied); }, abandon.get(),
+                previous ? &*previous : nullptr);
         },
         // Every update of this copy is applied before its end.
         [this, progress](CopyOutcome outcome) {

@@ -28,7 +28,7 @@ public:
     using Copier = std::function<CopyOutcome(
         const std::filesystem::path& source, const std::filesystem::path& destination,
         const std::atomic<bool>& cancelRequested, const DirectoryCopier::Progress& progress,
-        const std::atomic<bool>* abandonRequested)>;
+        const std::atomic<bool>* abandonRequested, PreviousBackup* previous)>;
 
     explicit CopyOperation(Copier copier, QObject* parent = nullptr);
     ~CopyOperation() override;
@@ -64,7 +64,9 @@ protected:
     // is gone by then.
     template<typename Result>
     void inBackground(std::function<Result()> work, std::function<void(Result)> then);
-    void startCopy(const std::filesystem::path& source, const std::filesystem::path& destination);
+    // Given a previous backup's folder, the copy links the files it holds unchanged instead of copying.
+    void startCopy(const std::filesystem::path& source, const std::filesystem::path& destination,
+                   const std::filesystem::path& previousBackup = {});
     virtual void copyEnded(const CopyOutcome& outcome) = 0;
     void end();
 

@@ -16,7 +16,7 @@ copierPausingAfterFirstFile(std::function<void(const std::atomic<bool>* abandon)
     return [afterFirstFile = std::move(afterFirstFile)](
                const std::filesystem::path& source, const std::filesystem::path& destination,
                const std::atomic<bool>& cancel, const DirectoryCopier::Progress& progress,
-               const std::atomic<bool>* abandon) {
+               const std::atomic<bool>* abandon, PreviousBackup* previous) {
         bool first = true;
         return DirectoryCopier::copyDirectoryAtPath(
             source, destination, cancel,
@@ -25,6 +25,6 @@ copierPausingAfterFirstFile(std::function<void(const std::atomic<bool>* abandon)
                 if (std::exchange(first, false) && afterFirstFile)
                     afterFirstFile(abandon);
             },
-            abandon);
+            abandon, previous);
     };
 }

@@ -512,6 +512,8 @@ void MainWindowController::beginBackUp()
     m_backUpRun =
         std::make_unique<BackupOperation>(QFile::encodeName(*m_mobileDocumentsDirectory).toStdString(), start,
                                           m_iCloudBackupDirectory, m_services.copier);
+    if (const BackupRecordRef previous = m_backups.last(); previous && previous->backupFolder())
+        m_backUpRun->shareUnchangedFilesWith(QFile::encodeName(*previous->backupFolder()).toStdString());
     m_lastRun = m_backUpRun.get();
     connectRun(*m_backUpRun, "operationCopyingDataFromiCloud");
     connect(m_backUpRun.get(), &CopyOperation::ended, this, [this] { finishBackUp(); });
