@@ -43,6 +43,7 @@ import argparse
 import os
 import re
 import shutil
+import stat
 import statistics
 import subprocess
 import sys
@@ -60,8 +61,10 @@ DEFAULT_BIG_FILE_MB = 1536
 MIN_BIG_FILE_MB = 256
 SPACE_MARGIN = 4 << 30
 
-TARGET_MANY = 1.0
+TARGET_MANY = 0.9
 TARGET_BIG = 1.05
+TARGET_SECOND = 0.15
+TARGET_NEW_BLOCKS = 0.02
 MEMORY_TOLERANCE = 0.10
 
 FIGURES = re.compile(rb"copied=(\d+) bytes=(\d+) result=(true|false)")
@@ -70,8 +73,8 @@ PEAK = re.compile(rb"MaxRSSkB=(\d+)")
 CLUTTER = b".DS_Store"
 
 
-def pelmora_argv(source, destination):
-    return [common.BENCH_BINARY, "copy", source, destination]
+def pelmora_argv(source, destination, previous=None):
+    return [common.BENCH_BINARY, "copy", source, destination] + ([previous] if previous else [])
 
 
 def cp_argv(source, destination):
@@ -408,6 +411,85 @@ def many_files_phase(args):
     return ratio_ok and copy_ok and memory_ok
 
 
+def du_bytes(paths):
+    """du's count of the blocks of the last path that none of the paths before it holds."""
+    result = subprocess.run(["du", "-s", "-B1"] + paths, stdout=subprocess.PIPE, check=True)
+    return int(result.stdout.split(b"\n")[-2].split(b"\t")[0])
+
+
+def shared_files(first, second):
+    """How many regular files of `second` are the very file (the same inode) of `first`."""
+    shared = total = 0
+    for folder, _, files in os.walk(os.fsencode(second)):
+        for name in files:
+            path = os.path.join(folder, name)
+            status = os.lstat(path)
+            if not stat.S_ISREG(status.st_mode):
+                continue
+            total += 1
+            try:
+                other = os.lstat(os.path.join(os.fsencode(first), os.path.relpath(path, os.fsencode(second))))
+            except OSError:
+                continue
+            shared += other.st_ino == status.st_ino
+    return shared, total
+
+
+def timed_pelmora(tree, destination, size, previous=None):
+    _, stdout, stderr = prepared_run(pelmora_argv(tree, destination, previous), tree, size)
+    if not parse_figures(stdout)[2]:
+        sys.exit("pelmora-bench copy answered result=false")
+    return float(COPY_TIME.search(stderr).group(1)) / 1000, stdout
+
+
+def second_backup_phase(args):
+    """A first backup, cp -a, and a second backup of the unchanged tree beside the first, in one round;
+    the round's copies are deleted at its end. cp -a goes first or second in turn."""
+    tree = common.DEFAULT_TREE
+    common.ensure_tree(tree, [])
+    size = tree_bytes(tree)
+    tree_blocks = du_bytes([tree])
+    print("second backup: %s, %.2f GB in %d blocks' bytes" % (tree, size / 1e9, tree_blocks))
+    firsts, seconds, cps, new_fractions = [], [], [], []
+    content_ok = True
+    for round_index in range(args.rounds):
+        first, second, copied = (fresh_destination(label) for label in ("first", "second", "cp"))
+        if round_index % 2:
+            cps.append(prepared_run(cp_argv(tree, copied), tree, size)[0])
+        firsts.append(timed_pelmora(tree, first, size)[0])
+        if not round_index % 2:
+            cps.append(prepared_run(cp_argv(tree, copied), tree, size)[0])
+        second_time, stdout = timed_pelmora(tree, second, size, first)
+        seconds.append(second_time)
+        new_fractions.append(du_bytes([first, second]) / tree_blocks)
+        print("  round %d: first backup %.3f s, cp -a %.3f s, second backup %.3f s; ratios %.3f and %.3f; "
+              "new blocks %.2f%% of the tree's" % (round_index + 1, firsts[-1], cps[-1], seconds[-1],
+                                                   firsts[-1] / cps[-1], seconds[-1] / cps[-1],
+                                                   new_fractions[-1] * 100), flush=True)
+        if round_index == 0:
+            shared, total = shared_files(first, second)
+            print("  files of the second backup that are the first's own: %d of %d" % (shared, total))
+            content_ok = check_copy("second backup", tree, second, stdout) and shared == total
+        for path in (first, second, copied):
+            remove(path)
+        sync()
+        time.sleep(args.settle)
+    first_ratio = statistics.median(f / c for f, c in zip(firsts, cps))
+    second_ratio = statistics.median(s / c for s, c in zip(seconds, cps))
+    new_blocks = max(new_fractions)
+    print()
+    print("second backup: medians: first backup %.3f s, cp -a %.3f s, second backup %.3f s"
+          % (statistics.median(firsts), statistics.median(cps), statistics.median(seconds)))
+    checks = [("first backup / cp -a", first_ratio, TARGET_MANY),
+              ("second backup / cp -a", second_ratio, TARGET_SECOND),
+              ("second backup's new blocks / the tree's", new_blocks, TARGET_NEW_BLOCKS)]
+    ok = content_ok
+    for label, value, target in checks:
+        print("%s: %.3f (target <= %.2f) %s" % (label, value, target, "PASS" if value <= target else "FAIL"))
+        ok = ok and value <= target
+    return ok
+
+
 def place_big_files(root):
     global BIG_ROOT, BIG_TREE, BIG_WORK_DIR
     BIG_ROOT = os.path.abspath(root)
@@ -449,6 +531,8 @@ def main():
                              "disk does not set the pace (default: next to the other trees)")
     parser.add_argument("--skip-many", action="store_true", help="leave out the many-file tree")
     parser.add_argument("--skip-big", action="store_true", help="leave out the big files")
+    parser.add_argument("--skip-second", action="store_true",
+                        help="leave out the second backup beside a first one")
     args = parser.parse_args()
     if args.rounds < 1 or args.big_rounds < 1:
         parser.error("rounds must be at least 1")
@@ -462,6 +546,9 @@ def main():
     ok = True
     if not args.skip_many:
         ok = many_files_phase(args) and ok
+        print()
+    if not args.skip_second:
+        ok = second_backup_phase(args) and ok
         print()
     if not args.skip_big:
         ok = big_files_phase(args) and ok

@@ -172,6 +172,14 @@
         <translation>&amp;Informationen anzeigen</translation>
     </message>
     <message>
+        <source>formatStringBackupSpace</source>
+        <translation>Auf dem Datenträger: %1 für sich allein, beim Löschen werden %2 frei</translation>
+    </message>
+    <message>
+        <source>formatStringBackupSpacePartial</source>
+        <translation>Auf dem Datenträger: mindestens %1 für sich allein, beim Löschen werden %2 frei (nicht alles war lesbar)</translation>
+    </message>
+    <message>
         <source>formatStringBackupContent</source>
         <translation>App-Ordner: %1, Dateien insgesamt: %2</translation>
     </message>
@@ -218,6 +226,10 @@
     <message>
         <source>labelAllYourBackups</source>
         <translation>Alle Ihre Sicherungen</translation>
+    </message>
+    <message>
+        <source>labelMeasuringBackupSpace</source>
+        <translation>Der Platz auf dem Datenträger wird gemessen …</translation>
     </message>
     <message>
         <source>labelBackupContent</source>

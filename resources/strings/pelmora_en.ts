@@ -172,6 +172,14 @@
         <translation>&amp;Get Info</translation>
     </message>
     <message>
+        <source>formatStringBackupSpace</source>
+        <translation>On disk: %1 on its own, %2 freed by deleting it</translation>
+    </message>
+    <message>
+        <source>formatStringBackupSpacePartial</source>
+        <translation>On disk: at least %1 on its own, %2 freed by deleting it (some items could not be read)</translation>
+    </message>
+    <message>
         <source>formatStringBackupContent</source>
         <translation>App folders: %1, files in total: %2</translation>
     </message>
@@ -218,6 +226,10 @@
     <message>
         <source>labelAllYourBackups</source>
         <translation>All your backups</translation>
+    </message>
+    <message>
+        <source>labelMeasuringBackupSpace</source>
+        <translation>Measuring the space on disk…</translation>
     </message>
     <message>
         <source>labelBackupContent</source>

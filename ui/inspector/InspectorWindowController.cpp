@@ -1,7 +1,9 @@
 #include "InspectorWindowController.h"
 
+#include "engine/BackupSpace.h"
 #include "engine/NotCopiedList.h"
 #include "Helpers/DirectoryUtility.h"
+#include "operations/Background.h"
 #include "operations/CopyOperation.h"
 #include "platform/ByteCountFormatter.h"
 #include "platform/FileManager.h"
@@ -62,7 +64,10 @@ InspectorWindowController::InspectorWindowController(FileManager& fileManager, Q
     m_ui->setupUi(this);
 }
 
-InspectorWindowController::~InspectorWindowController() = default;
+InspectorWindowController::~InspectorWindowController()
+{
+    stopMeasuringSpace();
+}
 
 void InspectorWindowController::showWindow()
 {
@@ -113,6 +118,11 @@ void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
         m_ui->backupSizeLabel->setText(localized("alertBackupNotFoundMessage"));
         m_ui->showInFinderBtn->setEnabled(false); // for good, even if the folder comes back
     }
+    if (folderStatus && S_ISDIR(folderStatus->st_mode))
+        measureSpace(folder);
+    else
+        stopMeasuringSpace();
+    m_ui->backupSpaceLabel->setVisible(folderStatus && S_ISDIR(folderStatus->st_mode));
     m_appContainers.clear();
     const std::uint32_t filesTotal =
         folderStatus && S_ISDIR(folderStatus->st_mode) ? findContainers(folder) : 0;
@@ -121,6 +131,36 @@ void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
         localized("formatStringBackupContent")
             .arg(QString::number(static_cast<quint64>(m_appContainers.size())), QString::number(filesTotal)));
     showNotCopiedItems(folder);
+}
+
+void InspectorWindowController::measureSpace(const QString& folder)
+{
+    stopMeasuringSpace();
+    m_ui->backupSpaceLabel->setText(localized("labelMeasuringBackupSpace"));
+    auto stop = std::make_shared<std::atomic<bool>>(false);
+    m_stopSpaceMeasure = stop;
+    const std::uint64_t measure = ++m_spaceMeasure;
+    runInBackground(
+        this,
+        [path = std::filesystem::path(QFile::encodeName(folder).toStdString()), stop] {
+            return BackupSpace::measure(path, stop.get());
+        },
+        [this, measure](const BackupSpace& space) {
+            if (measure != m_spaceMeasure)
+                return;
+            m_ui->backupSpaceLabel->setText(
+                localized(space.complete ? "formatStringBackupSpace" : "formatStringBackupSpacePartial")
+                    .arg(ByteCountFormatter::stringFromByteCount(space.onItsOwn),
+                         ByteCountFormatter::stringFromByteCount(space.freedByDeleting)));
+        });
+}
+
+void InspectorWindowController::stopMeasuringSpace()
+{
+    if (m_stopSpaceMeasure)
+        m_stopSpaceMeasure->store(true);
+    m_stopSpaceMeasure.reset();
+    ++m_spaceMeasure;
 }
 
 void InspectorWindowController::showNotCopiedItems(const QString& folder)
@@ -219,6 +259,10 @@ QLabel* InspectorWindowController::backupDateLabel() const
 QLabel* InspectorWindowController::backupSizeLabel() const
 {
     return m_ui->backupSizeLabel;
+}
+QLabel* InspectorWindowController::backupSpaceLabel() const
+{
+    return m_ui->backupSpaceLabel;
 }
 QPushButton* InspectorWindowController::showInFinderBtn() const
 {

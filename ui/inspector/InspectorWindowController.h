@@ -2,6 +2,7 @@
 
 #include "store/BackupRecord.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <QWidget>
@@ -18,7 +19,9 @@ class InspectorWindowController;
 }
 
 // The information window of one backup: its date, its size, and one row per application container with
-// the container's size, measured afresh from the backup folder each time the window is filled.
+// the container's size, measured afresh from the backup folder each time the window is filled. What the
+// backup takes on disk on its own and what deleting it would free (backups share unchanged files) is
+// measured on the pool meanwhile and shown when it is known.
 class InspectorWindowController : public QWidget {
     Q_OBJECT
 
@@ -47,6 +50,8 @@ public:
 
     QLabel* backupDateLabel() const;
     QLabel* backupSizeLabel() const;
+    // "Measuring…" until the space on disk is known.
+    QLabel* backupSpaceLabel() const;
     QPushButton* showInFinderBtn() const;
     QTableWidget* backupContentTable() const;
     QLabel* backupContentDescriptionLabel() const;
@@ -63,10 +68,15 @@ private:
     std::uint32_t findContainers(const QString& folder);
     void reloadTable();
     void showNotCopiedItems(const QString& folder);
+    void measureSpace(const QString& folder);
+    void stopMeasuringSpace();
 
     FileManager& m_fileManager;
     std::unique_ptr<Ui::InspectorWindowController> m_ui;
     BackupRecordRef m_backupInfo;
     QList<ContainerEntry> m_appContainers;
     bool m_windowLoaded = false;
+    // The measure under way; a result that comes back after another was started is dropped.
+    std::shared_ptr<std::atomic<bool>> m_stopSpaceMeasure;
+    std::uint64_t m_spaceMeasure = 0;
 };
