@@ -132,17 +132,19 @@ bool PreviousBackup::sameExtendedAttributes(int liveParentFd, int linkedParentFd
 bool PreviousBackup::readAttributes(int parentFd, const char* name, std::vector<std::string>& into)
 {
     into.clear();
-    m_names.resize(XATTR_LIST_MAX);
-    const ssize_t listed = listAttributes(parentFd, name, m_names.data(), m_names.size());
+    const ssize_t listed = withRoomFor(m_names, XATTR_LIST_MAX, [&](char* buffer, std::size_t size) {
+        return listAttributes(parentFd, name, buffer, size);
+    });
     if (listed < 0)
         return errno == ENOTSUP;
-    m_value.resize(XATTR_SIZE_MAX);
     for (ssize_t offset = 0; offset < listed;) {
         const char* attribute = m_names.data() + offset;
         offset += static_cast<ssize_t>(std::strlen(attribute) + 1);
         if (!isCopiedAttribute(attribute))
             continue;
-        const ssize_t size = getAttribute(parentFd, name, attribute, m_value.data(), m_value.size());
+        const ssize_t size = withRoomFor(m_value, XATTR_SIZE_MAX, [&](char* buffer, std::size_t room) {
+            return getAttribute(parentFd, name, attribute, buffer, room);
+        });
         if (size < 0)
             return false;
         std::string entry(attribute);
@@ -152,4 +154,19 @@ bool PreviousBackup::readAttributes(int parentFd, const char* name, std::vector<
     }
     std::sort(into.begin(), into.end());
     return true;
+}
+
+// The kernel sets aside as much memory as the buffer offered, for every call: a small buffer first, and
+// the largest only for what does not fit.
+template<typename Call>
+ssize_t PreviousBackup::withRoomFor(std::vector<char>& buffer, std::size_t most, const Call& call)
+{
+    constexpr std::size_t kFirstTry = 1024;
+    if (buffer.size() < kFirstTry)
+        buffer.resize(kFirstTry);
+    const ssize_t got = call(buffer.data(), kFirstTry);
+    if (got >= 0 || errno != ERANGE)
+        return got;
+    buffer.resize(most);
+    return call(buffer.data(), most);
 }

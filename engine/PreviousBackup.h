@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <string>
 #include <sys/stat.h>
+#include <sys/types.h>
 #include <unordered_set>
 #include <vector>
 
@@ -40,6 +41,8 @@ private:
     bool agrees(const struct stat& live, const struct stat& previous) const;
     bool sameExtendedAttributes(int liveParentFd, int linkedParentFd, const char* name);
     bool readAttributes(int parentFd, const char* name, std::vector<std::string>& into);
+    template<typename Call>
+    static ssize_t withRoomFor(std::vector<char>& buffer, std::size_t most, const Call& call);
 
     std::filesystem::path m_folder;
     std::unordered_set<std::string> m_notCopied;

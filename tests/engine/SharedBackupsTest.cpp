@@ -107,6 +107,10 @@ TEST_F(SharedBackupsTest, OnlyFilesThatAgreeInEveryAttributeAreSharedAndTheRestI
                time);
     for (const char* item : {"attribute"})
         ASSERT_EQ(::setxattr((live() / item).c_str(), "user.colour", "blue", 4, 0), 0);
+    writeItems(live(), {"large-attribute=x"}, time);
+    const std::string large(3000, 'L');
+    ASSERT_EQ(::setxattr((live() / "large-attribute").c_str(), "user.large", large.data(), large.size(), 0),
+              0);
     backUp(1);
 
     writeItems(live(), {"size=shorter"}, time);
@@ -125,6 +129,7 @@ TEST_F(SharedBackupsTest, OnlyFilesThatAgreeInEveryAttributeAreSharedAndTheRestI
 
     EXPECT_TRUE(shared("same"));
     EXPECT_TRUE(shared("sub/same"));
+    EXPECT_TRUE(shared("large-attribute"));
     for (const char* item : {"size", "time", "nanoseconds", "mode", "attribute", "added-attribute", "link",
                              "listed", "listed-folder/inner"})
         EXPECT_FALSE(shared(item)) << item;
