@@ -1307,6 +1307,15 @@ def big_home(session):
     log("wrote 900 MB in 9,800 files in %.1f s" % (time.monotonic() - began))
 
 
+def change_every_file(session):
+    """A new modification time for every file of the iCloud folder: a backup made after another shares the
+    files that did not change, and only a copy of changed files lasts long enough to be interrupted."""
+    stamp = time.time()
+    for folder, _, files in os.walk(session.drive):
+        for name in files:
+            os.utime(os.path.join(folder, name), (stamp, stamp))
+
+
 def back_up_twice_at_once(session):
     """Ctrl+B again while a backup copies: one backup folder, one record naming it."""
     big_home(session)
@@ -1337,6 +1346,7 @@ def cancel_backups(session):
     for how, name in (("Escape", "cancelled-with-escape"), ("the close button", "cancelled-with-close")):
         session.step = "cancelling a backup with %s" % how
         before_entries, before_records = root_entries(session), session.records()
+        change_every_file(session)
         progress, folder = start_copying(session, "the backup to cancel")
         if how == "Escape":
             session.key(progress, "Escape")
@@ -1356,6 +1366,7 @@ def terminated_during_backup(session):
     """SIGTERM during a copy: the program ends within two seconds, and the folder it was filling goes."""
     session.step = "sending SIGTERM during a backup"
     before_entries, before_records = root_entries(session), session.records()
+    change_every_file(session)
     _, folder = start_copying(session, "the backup to terminate")
     sent = time.monotonic()
     os.kill(session.program.pid, signal.SIGTERM)
@@ -1379,6 +1390,7 @@ def killed_during_backup(session):
     """SIGKILL during a copy leaves a marked partial folder; the next launch removes both."""
     session.step = "killing Pelmora during a backup"
     before_entries, before_records = root_entries(session), session.records()
+    change_every_file(session)
     _, folder = start_copying(session, "the backup to kill")
     os.kill(session.program.pid, signal.SIGKILL)
     session.program.wait(timeout=TIMEOUT)
