@@ -251,6 +251,7 @@ struct PruneRun {
     Trash* trash;
     const NeverPrune& neverPrune;
     std::filesystem::path liveRoot; // where the live folder really is: what the Trash records
+    bool listOnly;
 };
 
 // The prune of one part of the live folder, on one thread: it collects its own outcome, so that the
@@ -270,7 +271,7 @@ public:
         if (entry.name[0] == '.')
             return WalkAction::SkipDescendants; // hidden: neither touched nor entered
         if (DirectoryUtility::isAliasFile(entry.parentFd, entry.name)) {
-            remove(entry);
+            remove(entry, false);
             return WalkAction::SkipDescendants;
         }
         const bool guarded = !m_run.neverPrune.empty();
@@ -289,11 +290,11 @@ public:
                 return WalkAction::Continue;
             if (guarded && m_run.neverPrune.holdsListed(relativePath(entry)))
                 return WalkAction::Continue;
-            remove(entry);
+            remove(entry, counterpart.kind == Counterpart::Kind::Found);
             return WalkAction::SkipDescendants;
         }
         if (!keepsFile(entry, counterpart) && !(guarded && m_run.neverPrune.isListed(relativePath(entry))))
-            remove(entry);
+            remove(entry, counterpart.kind == Counterpart::Kind::Found);
         return WalkAction::Continue;
     }
 
@@ -322,9 +323,18 @@ private:
         return join(join(m_prefix, entry.relativeFolder), entry.name);
     }
 
-    void remove(const WalkEntry& entry)
+    void remove(const WalkEntry& entry, bool inBackup)
     {
         const std::string relative = relativePath(entry);
+        if (m_run.listOnly) {
+            const std::optional<struct stat> status = entryStatus(entry.parentFd, entry.name);
+            outcome.wouldGo.push_back(
+                {ComparedItem{relative,
+                              entry.isDirectory || !status ? 0 : static_cast<std::uint64_t>(status->st_size),
+                              entry.isDirectory},
+                 inBackup});
+            return;
+        }
         std::optional<FsError> failure;
         if (m_run.trash) {
             failure = m_run.trash->moveToTrash(entry.parentFd, entry.name, m_run.liveRoot / relative);
@@ -373,6 +383,8 @@ private:
 void merge(PruneOutcome& into, PruneOutcome&& part)
 {
     into.trashed += part.trashed;
+    into.wouldGo.insert(into.wouldGo.end(), std::make_move_iterator(part.wouldGo.begin()),
+                        std::make_move_iterator(part.wouldGo.end()));
     for (auto [list, from] :
          {std::pair{&into.removedForGood, &part.removedForGood}, std::pair{&into.kept, &part.kept},
           std::pair{&into.notRemoved, &part.notRemoved}})
@@ -413,12 +425,16 @@ struct Tally {
     std::atomic<std::uint32_t> count{0}; // unsigned so that the wrap is defined
 };
 
+// Whether the copy back would create this backup item: nothing is at its place in the live folder.
+bool comesBack(const WalkEntry& entry, CounterpartFolder& live)
+{
+    return std::strcmp(entry.name, ".DS_Store") != 0 &&
+           !DirectoryUtility::isAliasFile(entry.parentFd, entry.name) && !live.contains(entry);
+}
+
 void countEntry(const WalkEntry& entry, CounterpartFolder& live, Tally& tally)
 {
-    if (std::strcmp(entry.name, ".DS_Store") == 0 ||
-        DirectoryUtility::isAliasFile(entry.parentFd, entry.name))
-        return;
-    if (live.contains(entry))
+    if (!comesBack(entry, live))
         return;
     const std::optional<struct stat> item = entryStatus(entry.parentFd, entry.name);
     if (!item)
@@ -438,21 +454,22 @@ int openSubfolder(int rootFd, const std::string& name)
 }
 
 // Walks `root` on every core with `visit`, which gets, with each entry, the folder at the same place in
-// `other` (which may be missing). Top-level folders are not entered once the user has cancelled.
-void walkAlongside(const std::filesystem::path& root, const std::filesystem::path& other,
-                   const std::atomic<bool>& canceled,
-                   const std::function<WalkAction(const WalkEntry&, CounterpartFolder&)>& visit)
+// `other` (which may be missing) and the top-level folder the entry's relative path starts from ("" for
+// the root's own entries). Top-level folders are not entered once the user has cancelled.
+void walkAlongside(
+    const std::filesystem::path& root, const std::filesystem::path& other, const std::atomic<bool>& canceled,
+    const std::function<WalkAction(const WalkEntry&, CounterpartFolder&, const std::string&)>& visit)
 {
     const FileDescriptor otherRoot(openRoot(other));
     CounterpartFolder otherFolder(::dup(otherRoot.get()));
     ParallelWalk::walk(
-        root, [&](const WalkEntry& entry) { return visit(entry, otherFolder); },
+        root, [&](const WalkEntry& entry) { return visit(entry, otherFolder, {}); },
         [&](int rootFd, const std::string& name) {
             if (canceled.load())
                 return;
             CounterpartFolder otherSubfolder(openSubfolder(otherRoot.get(), name));
             DirectoryWalker::walk(rootFd, name,
-                                  [&](const WalkEntry& entry) { return visit(entry, otherSubfolder); });
+                                  [&](const WalkEntry& entry) { return visit(entry, otherSubfolder, name); });
         });
 }
 
@@ -472,7 +489,8 @@ PruneOutcome RestorePreparation::pruneLiveFolder(const std::filesystem::path& li
     const NeverPrune neverPrune(options.neverPrune);
     if (neverPrune.everything())
         return outcome;
-    const PruneRun run{canceled, options.trash, neverPrune, options.trash ? reallyAt(live) : live};
+    const PruneRun run{canceled, options.trash, neverPrune, options.trash ? reallyAt(live) : live,
+                       options.listOnly};
 
     Pruner rootPruner(run, {});
     CounterpartFolder backupFolder(::dup(backupRoot.get()));
@@ -501,7 +519,7 @@ RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path
                                                      const std::atomic<bool>& canceled)
 {
     Tally tally;
-    auto visit = [&](const WalkEntry& entry, CounterpartFolder& liveFolder) {
+    auto visit = [&](const WalkEntry& entry, CounterpartFolder& liveFolder, const std::string&) {
         if (canceled.load(std::memory_order_relaxed))
             return WalkAction::Stop;
         if (!entry.isDirectory)
@@ -510,4 +528,36 @@ RestoreTotals RestorePreparation::measureFilesToCopy(const std::filesystem::path
     };
     walkAlongside(backup, live, canceled, visit);
     return RestoreTotals{tally.size.load(), static_cast<std::int32_t>(tally.count.load())};
+}
+
+Comparison RestorePreparation::compare(const std::filesystem::path& live, const std::filesystem::path& backup,
+                                       const std::atomic<bool>& canceled,
+                                       const std::vector<std::filesystem::path>& neverPrune)
+{
+    Comparison comparison;
+    PruneOutcome going = pruneLiveFolder(live, backup, canceled, PruneOptions{nullptr, true, neverPrune});
+    comparison.backupReadable = going.backupReadable;
+    if (!going.backupReadable)
+        return comparison;
+    for (auto& [item, inBackup] : going.wouldGo)
+        (inBackup ? comparison.changed : comparison.added).push_back(std::move(item));
+    std::mutex listing;
+    walkAlongside(backup, live, canceled,
+                  [&](const WalkEntry& entry, CounterpartFolder& liveFolder, const std::string& prefix) {
+                      if (canceled.load(std::memory_order_relaxed))
+                          return WalkAction::Stop;
+                      if (entry.isDirectory || !comesBack(entry, liveFolder))
+                          return WalkAction::Continue;
+                      const std::optional<struct stat> item = entryStatus(entry.parentFd, entry.name);
+                      const std::lock_guard lock(listing);
+                      comparison.removed.push_back(
+                          {prefix.empty() ? entry.relativePath().native()
+                                          : (std::filesystem::path(prefix) / entry.relativePath()).native(),
+                           item ? static_cast<std::uint64_t>(item->st_size) : 0, false});
+                      return WalkAction::Continue;
+                  });
+    for (std::vector<ComparedItem>* group : {&comparison.added, &comparison.changed, &comparison.removed})
+        std::sort(group->begin(), group->end(),
+                  [](const ComparedItem& a, const ComparedItem& b) { return a.path < b.path; });
+    return comparison;
 }

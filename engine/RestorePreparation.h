@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <string>
+#include <utility>
 #include <vector>
 
 class Trash;
@@ -15,9 +17,26 @@ struct RestoreTotals {
     std::int32_t totalCount = 0; // wraps like the copier's counters
 };
 
+// One item a restore would change, relative to the live folder; a folder stands for everything in it.
+struct ComparedItem {
+    std::string path;
+    std::uint64_t size = 0; // st_size of a file or link; 0 for a folder
+    bool isFolder = false;
+};
+
+// What a restore of a backup would do to the live folder now, by the very rules the restore follows.
+struct Comparison {
+    std::vector<ComparedItem> added;   // in the live folder only: would go to the Trash
+    std::vector<ComparedItem> changed; // differ from the backup's: would go to the Trash and come back
+    std::vector<ComparedItem> removed; // in the backup only: would be copied back
+    bool backupReadable = true;        // false: the backup could not be read, and nothing was compared
+};
+
 // How a restore's prune treats what goes and what it must never touch.
 struct PruneOptions {
     Trash* trash = nullptr; // null: items are removed for good
+    // Nothing is touched: every item that would go is listed in PruneOutcome::wouldGo instead.
+    bool listOnly = false;
     // Paths relative to the backup folder that it never held (its not-copied list): kept, with
     // everything inside them, and so are the folders that hold them.
     std::vector<std::filesystem::path> neverPrune;
@@ -35,6 +54,8 @@ struct PruneOutcome {
     std::vector<FsError> kept;
     // Should have gone but could not be moved or removed.
     std::vector<FsError> notRemoved;
+    // With PruneOptions::listOnly: what would have gone, and whether the backup has an item at its place.
+    std::vector<std::pair<ComparedItem, bool>> wouldGo;
 };
 
 // The preparation of a restore, on a background thread, before anything is copied. Both passes test
@@ -60,4 +81,10 @@ public:
     static RestoreTotals measureFilesToCopy(const std::filesystem::path& backup,
                                             const std::filesystem::path& live,
                                             const std::atomic<bool>& canceled);
+
+    // Both passes without touching anything: what would go and what would come back. Each group is sorted
+    // by path. `neverPrune` as for the prune.
+    static Comparison compare(const std::filesystem::path& live, const std::filesystem::path& backup,
+                              const std::atomic<bool>& canceled,
+                              const std::vector<std::filesystem::path>& neverPrune = {});
 };

@@ -207,3 +207,46 @@ TEST_F(RestorePreparationTest, ItemsTheBackupNeverHeldStayWithTheirFolders)
 }
 
 } // namespace
+
+namespace {
+
+std::string describeGroup(const std::vector<ComparedItem>& group)
+{
+    std::string text;
+    for (const ComparedItem& item : group)
+        text += (text.empty() ? "" : ", ") + item.path + (item.isFolder ? "/" : "") + " " +
+                std::to_string(item.size);
+    return text;
+}
+
+TEST_F(RestorePreparationTest, ACompareListsWhatTheRestoreWouldTrashAndBringBackAndTouchesNothing)
+{
+    writeItems(backup,
+               {"same=same", "sub/same=same", "edited=old", "gone=gone", "gone-folder/a=aa",
+                "gone-folder/b=bbb", "now-a-folder=file", "never-held=listed"},
+               kBackupTime);
+    writeItems(live,
+               {"same=same", "sub/same=same", "edited=old", "added=new!", "added-folder/x=x",
+                "now-a-folder/inner=i", ".hidden=never touched", "never-held=kept"},
+               kBackupTime);
+    setTimes(live / "edited", {kBackupTime.tv_sec, kBackupTime.tv_nsec + 1});
+    const Items before = contents(live);
+
+    const Comparison comparison = RestorePreparation::compare(live, backup, canceled, {"never-held"});
+
+    EXPECT_TRUE(comparison.backupReadable);
+    EXPECT_EQ(describeGroup(comparison.added), "added 4, added-folder/ 0");
+    EXPECT_EQ(describeGroup(comparison.changed), "edited 3, now-a-folder/ 0");
+    EXPECT_EQ(describeGroup(comparison.removed), "gone 4, gone-folder/a 2, gone-folder/b 3");
+    EXPECT_EQ(contents(live), before);
+
+    // The restore itself does what the compare said: the added and changed items go, and the removed and
+    // changed ones come back.
+    EXPECT_EQ(prepare(PruneOptions{nullptr, false, {"never-held"}}), "5 files, 16 bytes");
+    EXPECT_EQ(contents(live),
+              (Items{".hidden=never touched", "never-held=kept", "same=same", "sub=/", "sub/same=same"}));
+
+    EXPECT_FALSE(RestorePreparation::compare(live, home.path() / "missing", canceled).backupReadable);
+}
+
+} // namespace
