@@ -43,11 +43,11 @@ QProcessEnvironment withoutADisplay(const char* unansweredDisplay = "")
 }
 
 // A complaint fit for a terminal or a journal: one line that says what is wrong.
-void expectOneLineSaying(const QString& errors, const QStringList& parts)
+void expectOneLineSaying(const QString& errors, const QStringList& words)
 {
     EXPECT_EQ(errors.trimmed().count('\n'), 0) << errors.toStdString();
-    for (const QString& part : parts)
-        EXPECT_TRUE(errors.contains(part)) << errors.toStdString();
+    for (const QString& word : words)
+        EXPECT_TRUE(errors.contains(word)) << errors.toStdString();
 }
 
 TEST(GraphicalSessionTest, WithoutADisplayTheProgramSaysSoInOneLineAndFails)
