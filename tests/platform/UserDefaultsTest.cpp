@@ -116,15 +116,17 @@ TEST_F(UserDefaultsTest, AWriteThatCannotReachTheDiskIsToldWithItsCauseAndTheNex
     const fs::path preferences = file().toStdString(), folder = preferences.parent_path();
     for (const auto& [obstacle, cause] : {std::pair{preferences, EISDIR}, {folder, ENOTDIR}}) {
         SCOPED_TRACE(obstacle);
-        obstacle == folder ? TreeBuilder::writeFile(folder, "in the way")
-                           : TreeBuilder::makeFolder(preferences);
+        if (cause == ENOTDIR)
+            TreeBuilder::writeFile(folder, "in the way");
+        else
+            TreeBuilder::makeFolder(preferences);
         UserDefaults defaults(file());
         QList<UserDefaults::WriteFailure> told;
         defaults.setWriteFailureObserver(
             [&told](const UserDefaults::WriteFailure& failure) { told << failure; });
-        defaults.registerDefaults({{"Flag", false}});
+        defaults.registerDefaults({{"Flag", true}});
 
-        EXPECT_FALSE(defaults.setBoolForKey(true, "Flag"));
+        EXPECT_FALSE(defaults.setBoolForKey(false, "Flag"));
         ASSERT_EQ(told.size(), 1);
         EXPECT_EQ(told[0].filePath, file());
         EXPECT_EQ(told[0].reason, qt_error_string(cause));
@@ -132,7 +134,7 @@ TEST_F(UserDefaultsTest, AWriteThatCannotReachTheDiskIsToldWithItsCauseAndTheNex
         EXPECT_EQ(defaults.lastWriteFailure()->reason, told[0].reason);
         EXPECT_FALSE(defaults.setObjectForKey(QVariantList{1, 2}, "List"));
         EXPECT_EQ(told.size(), 2) << "each failed write is told, not only the first";
-        EXPECT_TRUE(defaults.boolForKey("Flag")) << "the values hold for the rest of the session";
+        EXPECT_FALSE(defaults.boolForKey("Flag")) << "the values hold for the rest of the session";
         EXPECT_EQ(defaults.arrayForKey("List"), QVariantList({1, 2}));
 
         fs::remove_all(obstacle);
@@ -140,7 +142,7 @@ TEST_F(UserDefaultsTest, AWriteThatCannotReachTheDiskIsToldWithItsCauseAndTheNex
         EXPECT_FALSE(defaults.lastWriteFailure().has_value());
         EXPECT_EQ(told.size(), 2);
         const QJsonObject saved = fileContents();
-        EXPECT_TRUE(saved.value("Flag").toBool())
+        EXPECT_EQ(saved.value("Flag"), QJsonValue(false))
             << "values whose own write failed are saved with the next one";
         EXPECT_EQ(saved.value("List").toArray(), QJsonArray({1, 2}));
         EXPECT_EQ(UserDefaults(file()).dataForKey("Blob"), QByteArray("abc"));
