@@ -30,20 +30,17 @@ const std::string kByteNamedContainer = "iCloud~com~example~Caf\xe9";
 
 class AppDelegateTest : public TestWorld {
 protected:
-    // Backups whose folders hold two containers, and a hidden folder, a file and a link that are none.
+    // Backups whose folders hold three containers, and a hidden folder, a file and a link that are none.
     void makeBackups(int count)
     {
         QList<BackupRecordRef> records;
         for (int i = 0; i < count; ++i) {
             // Named and placed as the program names its own, which is all that Delete will remove.
             const fs::path folder = backupFolder(i);
-            writeFile(folder / "iCloud~com~example~Notes" / "a.txt", "12345");
-            writeFile(folder / "iCloud~com~example~Notes" / "sub" / "b.txt", "123");
-            writeFile(folder / "com~example~CloudDocs" / "c.txt", "1");
-            writeFile(folder / kByteNamedContainer / "e.txt", "1");
-            writeFile(folder / ".hidden" / "d.txt", "1");
-            writeFile(folder / "notes.txt", "1");
-            makeSymlink("com~example~CloudDocs", folder / "link-to-container");
+            writeItems(folder,
+                       {"iCloud~com~example~Notes/a.txt=12345", "iCloud~com~example~Notes/sub/b.txt=123",
+                        "com~example~CloudDocs/c.txt=1", kByteNamedContainer + "/e.txt=1", ".hidden/d.txt=1",
+                        "notes.txt=1", "link-to-container=-> com~example~CloudDocs"});
             records << BackupRecord::make(backupDate(i), QString::fromStdString(folder.string()), 4096);
         }
         storeBackups(records);
@@ -134,6 +131,7 @@ TEST_F(AppDelegateTest, AskBeforeDeletingBackupsFollowsDontAskAgainAndTurnsTheQu
     delegate.deleteBackup();
     EXPECT_EQ(alerts.messages(), QStringList(2, text("alertDeleteBackupMessage"))) << "asked again";
     EXPECT_EQ(controller->backups().count(), 2) << "and No keeps the backup";
+    EXPECT_TRUE(fs::exists(folderOf(controller->backups().at(0))));
 
     ask->trigger();
     EXPECT_TRUE(iCloudPrefs::dontAskAgainRemoveBackup(defaults));

@@ -12,27 +12,6 @@
 
 namespace {
 
-TEST(GraphicalSessionTest, WithoutADisplayTheProgramSaysSoInOneLineAndFails)
-{
-    for (const char* display : {"", ":9999"}) {
-        SCOPED_TRACE(display);
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
-            environment.remove(name);
-        if (*display)
-            environment.insert("DISPLAY", display);
-        QProcess program;
-        program.setProcessEnvironment(environment);
-        program.start(PELMORA_BINARY_DIR "/Pelmora", {});
-        ASSERT_TRUE(program.waitForFinished(20000));
-        const QString errors = QString::fromUtf8(program.readAllStandardError()).trimmed();
-        EXPECT_NE(program.exitCode(), 0);
-        EXPECT_EQ(program.exitStatus(), QProcess::NormalExit) << "no crash, no abort";
-        EXPECT_EQ(errors.count('\n'), 0) << errors.toStdString();
-        EXPECT_TRUE(errors.contains("needs a graphical session")) << errors.toStdString();
-    }
-}
-
 struct Finished {
     int exitCode = -1;
     QString output;
@@ -52,31 +31,47 @@ Finished runProgram(const QStringList& arguments, const QProcessEnvironment& env
             QString::fromLocal8Bit(program.readAllStandardError())};
 }
 
-QProcessEnvironment withoutADisplay()
+// The user's environment with no display, or with one where nothing answers.
+QProcessEnvironment withoutADisplay(const char* unansweredDisplay = "")
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
         environment.remove(name);
+    if (*unansweredDisplay)
+        environment.insert("DISPLAY", unansweredDisplay);
     return environment;
+}
+
+// A complaint fit for a terminal or a journal: one line that says what is wrong.
+void expectOneLineSaying(const QString& errors, const QStringList& words)
+{
+    EXPECT_EQ(errors.trimmed().count('\n'), 0) << errors.toStdString();
+    for (const QString& word : words)
+        EXPECT_TRUE(errors.contains(word)) << errors.toStdString();
+}
+
+TEST(GraphicalSessionTest, WithoutADisplayTheProgramSaysSoInOneLineAndFails)
+{
+    for (const char* display : {"", ":9999"}) {
+        const Finished finished = runProgram({}, withoutADisplay(display));
+        EXPECT_NE(finished.exitCode, 0) << display;
+        expectOneLineSaying(finished.errors, {"needs a graphical session"});
+    }
 }
 
 TEST(CommandLineTest, HelpAndVersionAnswerWithoutADisplay)
 {
     for (const char* help : {"--help", "-h"}) {
-        SCOPED_TRACE(help);
         const Finished finished = runProgram({help}, withoutADisplay());
-        EXPECT_EQ(finished.exitCode, 0);
-        EXPECT_TRUE(finished.output.startsWith("Usage: Pelmora [options]\n"))
+        EXPECT_EQ(finished.exitCode, 0) << help;
+        EXPECT_TRUE(finished.output.startsWith("Usage: Pelmora [options]\n") &&
+                    finished.output.contains("--version"))
             << finished.output.toStdString();
-        EXPECT_TRUE(finished.output.contains("--version"));
         EXPECT_TRUE(finished.errors.isEmpty()) << finished.errors.toStdString();
     }
-    for (const char* version : {"--version", "-v"}) {
-        SCOPED_TRACE(version);
-        const Finished finished = runProgram({version}, withoutADisplay());
-        EXPECT_EQ(finished.exitCode, 0);
-        EXPECT_EQ(finished.output, QStringLiteral("Pelmora " PELMORA_VERSION "\n"));
-    }
+    for (const char* version : {"--version", "-v"})
+        EXPECT_EQ(runProgram({version}, withoutADisplay()).output,
+                  QStringLiteral("Pelmora " PELMORA_VERSION "\n"));
 }
 
 TEST(CommandLineTest, AnUnknownOptionOrAStrayArgumentIsNamedInOneLineWithStatusTwo)
@@ -88,11 +83,8 @@ TEST(CommandLineTest, AnUnknownOptionOrAStrayArgumentIsNamedInOneLineWithStatusT
     for (const auto& [arguments, named] : cases) {
         SCOPED_TRACE(arguments.join(' ').toStdString());
         const Finished finished = runProgram(arguments, withoutADisplay());
-        const QString errors = finished.errors.trimmed();
         EXPECT_EQ(finished.exitCode, CommandLine::kUsageExitCode);
-        EXPECT_EQ(errors.count('\n'), 0) << errors.toStdString();
-        EXPECT_TRUE(errors.contains(named)) << errors.toStdString();
-        EXPECT_TRUE(errors.contains("Pelmora --help")) << errors.toStdString();
+        expectOneLineSaying(finished.errors, {named, "Pelmora --help"});
         EXPECT_TRUE(finished.output.isEmpty());
     }
 }
@@ -162,10 +154,8 @@ TEST_F(ProgramLaunchTest, AHolderOfTheLockThatDoesNotAnswerStopsASecondProgram)
 
     const Finished second = runProgram({}, environment("tmp-a", true));
     ::close(holder);
-    const QString errors = second.errors.trimmed();
     EXPECT_EQ(second.exitCode, SingleInstance::kAlreadyRunningExitCode);
-    EXPECT_EQ(errors.count('\n'), 0) << errors.toStdString();
-    EXPECT_TRUE(errors.contains("already running")) << errors.toStdString();
+    expectOneLineSaying(second.errors, {"already running"});
     EXPECT_FALSE(std::filesystem::exists(home.configHome() / "Pelmora" / "Pelmora.json"));
 }
 
@@ -201,6 +191,7 @@ TEST_F(LaunchTest, OutsideASandboxTheWindowShowsTheFolderIsWatchedOnceMeasuredAn
     EXPECT_EQ(controller->windowTitle(), "Pelmora");
     EXPECT_FALSE(delegate.sandboxed());
     EXPECT_TRUE(chooser.titles.isEmpty());
+    EXPECT_TRUE(iCloudPrefs::isFirstLaunch(defaults)) << "nothing asked, nothing stored";
     EXPECT_EQ(controller->mobileDocumentsDirectory(), iCloudFolder());
     EXPECT_EQ(streams.calls.count("create"), 1) << "the second start is refused by the watcher";
     EXPECT_TRUE(delegate.isObservingWindowClose());

@@ -123,6 +123,25 @@ void expectContainsAll(const QString& text, const QStringList& parts)
         EXPECT_TRUE(text.contains(part)) << "no \"" << part.toStdString() << "\" in " << text.toStdString();
 }
 
+// The changes of a step, made when it runs.
+std::function<void()> writes(const fs::path& file)
+{
+    return [file] { TreeBuilder::writeFile(file, file.filename().string() + " written"); };
+}
+
+std::function<void()> moves(const fs::path& from, const fs::path& to)
+{
+    return [=] { fs::rename(from, to); };
+}
+
+// One change and the folders it must be reported for.
+struct Step {
+    const char* name;
+    std::function<void()> change;
+    std::set<fs::path> folders;
+    std::uint32_t flags = EventStreamFlags::kNone;
+};
+
 template<typename Backend>
 class EventStreamTest : public ::testing::Test {
 protected:
@@ -208,37 +227,29 @@ TYPED_TEST(EventStreamTest, ReportsTheFolderOfEachChange)
         EXPECT_EQ(::write(file, "deep", 4), 4);
         ::close(file);
     };
-    const auto write = [](const fs::path& file) {
-        return [file] { TreeBuilder::writeFile(file, file.filename().string() + " written"); };
-    };
-    const auto move = [](const fs::path& from, const fs::path& to) { return [=] { fs::rename(from, to); }; };
-    const struct {
-        const char* name;
-        std::function<void()> change;
-        std::set<fs::path> folders;
-    } steps[] = {
-        {"created", write(docs / "new.txt"), {docs}},
-        {"changed", write(docs / "existing.txt"), {docs}},
-        {"renamed within", move(docs / "existing.txt", docs / "renamed.txt"), {docs}},
-        {"moved across", move(docs / "renamed.txt", other / "moved.txt"), {docs, other}},
+    const Step steps[] = {
+        {"created", writes(docs / "new.txt"), {docs}},
+        {"changed", writes(docs / "existing.txt"), {docs}},
+        {"renamed within", moves(docs / "existing.txt", docs / "renamed.txt"), {docs}},
+        {"moved across", moves(docs / "renamed.txt", other / "moved.txt"), {docs, other}},
         {"deleted", [&] { fs::remove(other / "moved.txt"); }, {other}},
-        {"in the root itself", write(root / "top.txt"), {root}},
-        {"named in Latin-1", write(latin1 / "file.txt"), {latin1}},
-        {"new, named in bytes that are not UTF-8", write(invalid / "file.txt"), {root, invalid}},
+        {"in the root itself", writes(root / "top.txt"), {root}},
+        {"named in Latin-1", writes(latin1 / "file.txt"), {latin1}},
+        {"new, named in bytes that are not UTF-8", writes(invalid / "file.txt"), {root, invalid}},
         {"deeper than PATH_MAX", writeDeepest, {deepest}},
         // The file is written before the stream can have a watch on its brand-new folders.
-        {"new folders", write(newest / "now.txt"), {root, root / "New", newest.parent_path(), newest}},
-        {"in the new folders later", write(newest / "later.txt"), {newest}},
-        {"folder moved in", move(out / "Bundle", docs / "Bundle"), {docs, docs / "Bundle", inner}},
-        {"in the folder moved in", write(inner / "added.txt"), {inner}},
-        {"folder renamed", move(docs, papers), {root, papers, papers / "Bundle", papers / "Bundle/Inner"}},
-        {"in the renamed folder", write(papers / "note.txt"), {papers}},
-        {"folder moved out", move(papers, out / "Papers"), {root}},
+        {"new folders", writes(newest / "now.txt"), {root, root / "New", newest.parent_path(), newest}},
+        {"in the new folders later", writes(newest / "later.txt"), {newest}},
+        {"folder moved in", moves(out / "Bundle", docs / "Bundle"), {docs, docs / "Bundle", inner}},
+        {"in the folder moved in", writes(inner / "added.txt"), {inner}},
+        {"folder renamed", moves(docs, papers), {root, papers, papers / "Bundle", papers / "Bundle/Inner"}},
+        {"in the renamed folder", writes(papers / "note.txt"), {papers}},
+        {"folder moved out", moves(papers, out / "Papers"), {root}},
         {"outside, through a link and in the moved-out folder",
          [&] {
-             write(out / "Papers" / "elsewhere.txt")();
-             write(out / "outside.txt")();
-             write(other / "control.txt")();
+             writes(out / "Papers" / "elsewhere.txt")();
+             writes(out / "outside.txt")();
+             writes(other / "control.txt")();
          },
          {other}},
     };
@@ -281,28 +292,19 @@ TYPED_TEST(EventStreamTest, FollowsTheRootThroughWhateverHappensAtItsPath)
     const fs::path home = this->m_home.path(), root = home / "Library" / "Mobile Documents";
     const fs::path away = home / "Away", replacement = home / "Replacement";
     constexpr std::uint32_t changed = EventStreamFlags::kRootChanged;
-    const auto write = [](const fs::path& file) {
-        return [file] { TreeBuilder::writeFile(file, "written"); };
-    };
-    const auto move = [](const fs::path& from, const fs::path& to) { return [=] { fs::rename(from, to); }; };
-    const struct {
-        const char* name;
-        std::function<void()> change;
-        std::set<fs::path> folders;
-        std::uint32_t flags;
-    } steps[] = {
-        {"created with the folder above it", write(root / "Docs" / "first.txt"), {root}, changed},
-        {"written into", write(root / "Docs" / "second.txt"), {root / "Docs"}, 0},
+    const Step steps[] = {
+        {"created with the folder above it", writes(root / "Docs" / "first.txt"), {root}, changed},
+        {"written into", writes(root / "Docs" / "second.txt"), {root / "Docs"}, 0},
         {"deleted", [&] { TreeBuilder::removeTree(root); }, {root}, changed},
         {"made again", [&] { TreeBuilder::makeFolder(root); }, {root}, changed},
-        {"written into again", write(root / "again.txt"), {root}, 0},
-        {"moved away", move(root, away), {root}, changed},
-        {"moved back", move(away, root), {root}, changed},
-        {"written into once back", write(root / "back.txt"), {root}, 0},
+        {"written into again", writes(root / "again.txt"), {root}, 0},
+        {"moved away", moves(root, away), {root}, changed},
+        {"moved back", moves(away, root), {root}, changed},
+        {"written into once back", writes(root / "back.txt"), {root}, 0},
         {"emptied", [&] { fs::remove(root / "again.txt"), fs::remove(root / "back.txt"); }, {root}, 0},
-        {"replaced by another folder", move(replacement, root), {root}, changed},
+        {"replaced by another folder", moves(replacement, root), {root}, changed},
         {"written deep into the replacement",
-         write(root / "Inner" / "Deeper" / "new.txt"),
+         writes(root / "Inner" / "Deeper" / "new.txt"),
          {root / "Inner" / "Deeper"},
          0},
     };
@@ -344,44 +346,27 @@ TYPED_TEST(EventStreamTest, DeliversNothingOnceStoppedOrDestroyed)
     }
 }
 
-TYPED_TEST(EventStreamTest, ControlCallsAreHarmlessInAnyStateAndFlushesDeliver)
+// Stops before a schedule, twice, and a start while started do nothing; an invalidated stream stays stopped.
+TYPED_TEST(EventStreamTest, ControlCallsAreHarmlessInAnyState)
 {
-    this->m_stream = this->makeStream();
-    this->m_stream->stop();
-    this->m_stream->scheduleWithThread(QThread::currentThread());
-    this->m_stream->stop();
-    this->m_stream->stop();
-    ASSERT_TRUE(this->m_stream->start());
-    this->m_stream->stop();
-    ASSERT_TRUE(this->m_stream->start());
-    const QString description = this->m_stream->copyDescription();
-    EXPECT_TRUE(this->m_stream->start());
-    EXPECT_EQ(this->m_stream->copyDescription(), description);
-    TreeBuilder::writeFile(this->m_docs / "new.txt", "new");
-    this->m_stream->flushSync();
-    EXPECT_TRUE(this->m_recorder.has(this->m_docs)) << "flushSync returned before the callback had them";
-    TreeBuilder::writeFile(this->m_root / "top.txt", "top");
-    this->m_stream->flushAsync();
-    EXPECT_TRUE(this->m_recorder.waitFor(this->m_root));
+    EventStream& stream = *(this->m_stream = this->makeStream());
+    stream.stop();
+    stream.scheduleWithThread(QThread::currentThread());
+    stream.stop();
+    stream.stop();
+    ASSERT_TRUE(stream.start());
+    stream.stop();
+    ASSERT_TRUE(stream.start());
+    const QString description = stream.copyDescription();
+    EXPECT_TRUE(stream.start());
+    EXPECT_EQ(stream.copyDescription(), description);
     this->stopAndChange();
     EXPECT_FALSE(this->m_recorder.calledAfterStop) << "one stop ends a stream started twice";
 
-    ASSERT_TRUE(this->m_stream->start());
-    this->m_stream->invalidate();
-    this->m_stream->invalidate();
-    EXPECT_FALSE(this->m_stream->start());
-}
-
-TYPED_TEST(EventStreamTest, DescribesBackendPathsStateAndCoverage)
-{
-    this->m_stream = this->makeStream();
-    expectContainsAll(this->m_stream->copyDescription(), {"stopped", "scheduled = no"});
-
-    ASSERT_TRUE(this->startStream());
-    const QString description = this->m_stream->copyDescription();
-    expectContainsAll(description, {std::is_same_v<TypeParam, InotifyBackend> ? "inotify" : "polling",
-                                    qtPath(this->m_root), "running", "3 folders"});
-    EXPECT_FALSE(description.contains("not watched")) << description.toStdString();
+    ASSERT_TRUE(stream.start());
+    stream.invalidate();
+    stream.invalidate();
+    EXPECT_FALSE(stream.start());
 }
 
 // Delivery is on the scheduled thread only, whichever thread makes the calls: a worker of its own, or the

@@ -45,12 +45,17 @@ std::string flatpakInfoOf(const std::string& id)
            "\nruntime=runtime/org.example.Platform/x86_64/1\n\n[Instance]\ninstance-id=1234\n";
 }
 
-std::string listedProcessIdentifiers(const ProcRunningApplications& running)
+// A line per listed application: its process identifier, bundle identifier ("-" for none), name,
+// executable, and whether it has an icon.
+std::string listing(const ProcRunningApplications& running)
 {
-    std::string pids;
+    std::string lines;
     for (const RunningApplication& application : running.runningApplications())
-        pids += std::to_string(application.processIdentifier) + ' ';
-    return pids;
+        lines += std::to_string(application.processIdentifier) + ' ' +
+                 application.bundleIdentifier.value_or("-").toStdString() + ' ' +
+                 application.localizedName.toStdString() + ' ' + application.executablePath.toStdString() +
+                 (application.icon.isNull() ? "" : " (icon)") + '\n';
+    return lines;
 }
 
 class ProcRunningApplicationsTest : public ::testing::Test {
@@ -103,14 +108,6 @@ protected:
         return sources;
     }
 
-    std::optional<RunningApplication> listed(pid_t pid) const
-    {
-        for (const RunningApplication& application : ProcRunningApplications(sources()).runningApplications())
-            if (application.processIdentifier == pid)
-                return application;
-        return std::nullopt;
-    }
-
     TestHome home;
 };
 
@@ -135,104 +132,58 @@ TEST_F(ProcRunningApplicationsTest, EachProcessIsIdentifiedOnlyByWhatTheSystemRe
     };
     // Started from a terminal that a launcher had started: the variable is the terminal's, not the process's.
     const std::string inherited = launchedFrom("org.example.Terminal");
-    struct Case {
-        const char* what;
-        FakeProcess process;
-        std::optional<QString> identifier;
-        std::optional<QString> name; // none: not listed at all
-        bool hasIcon = false;
-    };
-    const std::vector<Case> cases = {
-        {"flatpak sandbox",
-         {.pid = 100, .comm = "draw", .flatpakInfo = flatpakInfoOf("org.example.Draw")},
-         "org.example.Draw",
-         "Drawing",
-         true},
-        {"flatpak scope, no display",
-         {.pid = 110,
-          .environment = {"LANG=C.UTF-8"},
-          .cgroup = unit("app-flatpak-org.example.Maps-4711.scope")},
-         "org.example.Maps",
-         "app"},
-        {"runtime sandbox", {.pid = 120, .flatpakInfo = "[Runtime]\nname=org.example.Sdk\n"}, {}, "app"},
-        {"desktop file left by the launcher",
-         {.pid = 130,
-          .environment = {"WAYLAND_DISPLAY=wayland-0", launchedFrom("org.example.Viewer"),
-                          "GIO_LAUNCHED_DESKTOP_FILE_PID=130"}},
-         "org.example.Viewer",
-         "Viewer"},
-        {"escaped unit id over an inherited variable",
-         {.pid = 140,
-          .environment = {"DISPLAY=:0", inherited},
-          .cgroup = unit("app-gnome-org.example.Text\\x2dEditor-4242.scope")},
-         "org.example.Text-Editor",
-         "Text Editor"},
-        {"autostarted service",
-         {.pid = 141, .cgroup = unit("app-org.example.Mail@autostart.service/worker")},
-         "org.example.Mail",
-         "app"},
-        {"bus-activated with a desktop entry",
-         {.pid = 150,
-          .environment = {"LANG=C.UTF-8"},
-          .cgroup = unit("dbus-:1.2-org.example.Files@0.service")},
-         "org.example.Files",
-         "Files"},
-        {"bus-activated without one",
-         {.pid = 151, .cgroup = unit("dbus-:1.2-org.example.Indexer@0.service")},
-         {},
-         "app"},
-        {"snap known only by snapd's prefixed desktop file",
-         {.pid = 160,
-          .environment = {"DISPLAY=:0", inherited},
-          .cgroup = unit("snap.notes.notes-1a2b3c4d.scope")},
-         {},
-         "Notes"},
-        {"snap's desktop id of its own choosing",
-         {.pid = 170,
-          .environment = {"DISPLAY=:0", "SNAP_NAME=paint",
-                          "BAMF_DESKTOP_FILE_HINT=" +
-                              desktopFile(snapApplications(), "paint_org.example.Paint")}},
-         "org.example.Paint",
-         "Paint"},
-        {"desktop id that is not reverse-DNS",
-         {.pid = 180, .environment = {"DISPLAY=:0", launchedFrom("webbrowser")}},
-         {},
-         "Web Browser"},
-        {"without a desktop entry",
-         {.pid = 510, .comm = "mapper", .flatpakInfo = flatpakInfoOf("org.example.Mapper")},
-         "org.example.Mapper",
-         "mapper"},
-        {"shell with a display",
-         {.pid = 201, .comm = "bash", .environment = {"TERM=xterm", "DISPLAY=:0"}},
-         {},
-         "bash"},
-        {"shell without one",
-         {.pid = 200, .comm = "bash", .environment = {"TERM=xterm", "SHELL=/bin/bash"}},
-         {},
-         {}},
-        {"another user's",
-         {.pid = 190, .uid = kUser + 1, .flatpakInfo = flatpakInfoOf("org.example.Draw")},
-         {},
-         {}},
-    };
-    for (const Case& c : cases)
-        addProcess(c.process);
+    // Flatpak: the sandbox's own record, or the scope its launcher made; a runtime's record names nothing.
+    addProcess({.pid = 100, .comm = "draw", .flatpakInfo = flatpakInfoOf("org.example.Draw")});
+    addProcess({.pid = 110,
+                .environment = {"LANG=C.UTF-8"},
+                .cgroup = unit("app-flatpak-org.example.Maps-4711.scope")});
+    addProcess({.pid = 120, .flatpakInfo = "[Runtime]\nname=org.example.Sdk\n"});
+    // The desktop file its launcher left; the unit's escaped id over an inherited variable; an autostart.
+    addProcess({.pid = 130,
+                .environment = {"WAYLAND_DISPLAY=wayland-0", launchedFrom("org.example.Viewer"),
+                                "GIO_LAUNCHED_DESKTOP_FILE_PID=130"}});
+    addProcess({.pid = 140,
+                .environment = {"DISPLAY=:0", inherited},
+                .cgroup = unit("app-gnome-org.example.Text\\x2dEditor-4242.scope")});
+    addProcess({.pid = 141, .cgroup = unit("app-org.example.Mail@autostart.service/worker")});
+    // Activated by the bus, with a desktop entry and without one.
+    addProcess({.pid = 150,
+                .environment = {"LANG=C.UTF-8"},
+                .cgroup = unit("dbus-:1.2-org.example.Files@0.service")});
+    addProcess({.pid = 151, .cgroup = unit("dbus-:1.2-org.example.Indexer@0.service")});
+    // Snaps: known only by snapd's prefixed desktop file, or by a desktop id of the snap's own choosing.
+    addProcess({.pid = 160,
+                .environment = {"DISPLAY=:0", inherited},
+                .cgroup = unit("snap.notes.notes-1a2b3c4d.scope")});
+    addProcess({.pid = 170,
+                .environment = {"DISPLAY=:0", "SNAP_NAME=paint",
+                                "BAMF_DESKTOP_FILE_HINT=" +
+                                    desktopFile(snapApplications(), "paint_org.example.Paint")}});
+    // A desktop id that is not reverse-DNS names the application without identifying it; an application
+    // without a desktop entry goes by its command.
+    addProcess({.pid = 180, .environment = {"DISPLAY=:0", launchedFrom("webbrowser")}});
+    addProcess({.pid = 510, .comm = "mapper", .flatpakInfo = flatpakInfoOf("org.example.Mapper")});
+    // A shell is listed only with a display; another user's processes never are.
+    addProcess({.pid = 201, .comm = "bash", .environment = {"TERM=xterm", "DISPLAY=:0"}});
+    addProcess({.pid = 200, .comm = "bash", .environment = {"TERM=xterm", "SHELL=/bin/bash"}});
+    addProcess({.pid = 190, .uid = kUser + 1, .flatpakInfo = flatpakInfoOf("org.example.Draw")});
     ProcRunningApplications running(sources());
 
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        const std::optional<RunningApplication> application = listed(c.process.pid);
-        if (!c.name) {
-            EXPECT_FALSE(application);
-            EXPECT_FALSE(running.runningApplicationWithProcessIdentifier(c.process.pid));
-            continue;
-        }
-        ASSERT_TRUE(application);
-        EXPECT_EQ(application->bundleIdentifier, c.identifier);
-        EXPECT_EQ(application->localizedName, *c.name);
-        EXPECT_EQ(application->icon.isNull(), !c.hasIcon);
-        EXPECT_EQ(application->executablePath, QString::fromStdString("/usr/bin/" + c.process.comm));
-    }
+    EXPECT_EQ(listing(running), "100 org.example.Draw Drawing /usr/bin/draw (icon)\n"
+                                "110 org.example.Maps app /usr/bin/app\n"
+                                "120 - app /usr/bin/app\n"
+                                "130 org.example.Viewer Viewer /usr/bin/app\n"
+                                "140 org.example.Text-Editor Text Editor /usr/bin/app\n"
+                                "141 org.example.Mail app /usr/bin/app\n"
+                                "150 org.example.Files Files /usr/bin/app\n"
+                                "151 - app /usr/bin/app\n"
+                                "160 - Notes /usr/bin/app\n"
+                                "170 org.example.Paint Paint /usr/bin/app\n"
+                                "180 - Web Browser /usr/bin/app\n"
+                                "201 - bash /usr/bin/bash\n"
+                                "510 org.example.Mapper mapper /usr/bin/mapper\n");
+    EXPECT_FALSE(running.runningApplicationWithProcessIdentifier(190));
+    EXPECT_FALSE(running.runningApplicationWithProcessIdentifier(200));
 
     // The name follows the user's languages, then the untranslated one; an empty translation is none.
     const auto nameFor = [&](const QStringList& languages) {
@@ -262,10 +213,10 @@ TEST_F(ProcRunningApplicationsTest, ProcessWhoseEnvironmentCannotBeReadIsPassedO
     ProcRunningApplications::Sources fromChild = sources();
     fromChild.uid = childUid;
     const std::optional<std::string> answer =
-        runUnprivileged([&] { return listedProcessIdentifiers(ProcRunningApplications(fromChild)); });
+        runUnprivileged([&] { return listing(ProcRunningApplications(fromChild)); });
     if (!answer)
         GTEST_SKIP() << "cannot run a child as an unprivileged user here";
-    EXPECT_EQ(*answer, "401 ");
+    EXPECT_EQ(*answer, "401 - app /usr/bin/app\n");
 }
 
 TEST_F(ProcRunningApplicationsTest, OneEntryPerInstanceWithHelpersFoundByProcessIdentifierAndNoStrays)
@@ -286,7 +237,10 @@ TEST_F(ProcRunningApplicationsTest, OneEntryPerInstanceWithHelpersFoundByProcess
                                                   desktopFile(applications(), "org.example.Viewer")}});
     ProcRunningApplications running(sources());
 
-    EXPECT_EQ(listedProcessIdentifiers(running), "600 601 610 620 ");
+    EXPECT_EQ(listing(running), "600 org.example.Draw app /usr/bin/app\n"
+                                "601 - sh /usr/bin/sh\n"
+                                "610 org.example.Draw app /usr/bin/app\n"
+                                "620 org.example.Viewer app /usr/bin/app\n");
     const std::optional<RunningApplication> helper = running.runningApplicationWithProcessIdentifier(602);
     ASSERT_TRUE(helper);
     EXPECT_EQ(helper->bundleIdentifier, "org.example.Draw");

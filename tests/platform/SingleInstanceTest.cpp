@@ -4,15 +4,14 @@
 #include "support/EventLoop.h"
 #include "support/SecondStart.h"
 #include "support/TestHome.h"
+#include "support/TreeBuilder.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
-#include <grp.h>
+#include <future>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <QFileInfo>
 #include <QSignalSpy>
 #include <string>
@@ -20,11 +19,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 using Claim = SingleInstance::Claim;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -67,148 +66,59 @@ void leaveStaleSocketAt(const fs::path& socketPath)
     ::close(fd);
 }
 
-bool dropToOtherUser()
-{
-    return ::setgroups(0, nullptr) == 0 && ::setresgid(kOtherUser, kOtherUser, kOtherUser) == 0 &&
-           ::setresuid(kOtherUser, kOtherUser, kOtherUser) == 0;
-}
-
-bool isReadable(int fd, int timeoutMs)
-{
-    pollfd entry{fd, POLLIN, 0};
-    return ::poll(&entry, 1, timeoutMs) > 0;
-}
-
-// Appends what `connection` sends until it closes or `stop` is readable.
-std::size_t readConnection(int connection, int stop, char* into, std::size_t room)
-{
-    std::size_t length = 0;
-    for (;;) {
-        pollfd entries[2] = {{connection, POLLIN, 0}, {stop, POLLIN, 0}};
-        if (::poll(entries, 2, -1) < 0 || entries[1].revents != 0)
-            return length;
-        const ssize_t got = ::read(connection, into + length, room - length);
-        if (got <= 0 || static_cast<std::size_t>(got) == room - length)
-            return length + (got > 0 ? static_cast<std::size_t>(got) : 0);
-        length += static_cast<std::size_t>(got);
-    }
-}
-
-// A second process of user 65534, made by fork. Between fork and exit the child makes system calls only,
-// as the child of a process with threads must. It reports 'R' once ready, then, when it ends, what it
-// was sent or answered.
-class OtherUsersProcess {
-public:
-    enum class Role {
-        // Root puts the socket where only root could (our own folder), hands the file to the other user
-        // and listens as that user: what a listener of another user at our path looks like.
-        ListenAtOurPath,
-        // Connects as the other user and asks for a reopen.
-        AskToReopen,
-    };
-
-    OtherUsersProcess(Role role, const fs::path& socketPath)
+// A socket of user 65534 at `socketPath`, as another user's program would have it: the file is that user's,
+// and so is the process that listens, whose credentials a connecting program sees. Nobody accepts: what
+// is sent to it waits in the backlog, where sent() reads it.
+struct OtherUsersListener {
+    explicit OtherUsersListener(const fs::path& socketPath)
     {
         const sockaddr_un address = addressOf(socketPath);
-        int report[2];
-        int stop[2];
-        if (::pipe2(report, O_CLOEXEC) != 0 || ::pipe2(stop, O_CLOEXEC) != 0)
-            return;
-        m_child = ::fork();
-        if (m_child == 0) {
-            ::close(report[0]);
-            ::close(stop[1]);
-            role == Role::ListenAtOurPath ? listen(address, report[1], stop[0]) : ask(address, report[1]);
-        }
-        ::close(report[1]);
-        ::close(stop[0]);
-        m_fromChild = report[0];
-        m_toChild = stop[1];
+        ready = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                ::lchown(socketPath.c_str(), kOtherUser, kOtherUser) == 0 &&
+                TreeBuilder::runUnprivileged([this] { return ::listen(fd, 8) == 0 ? "listens" : ""; }) ==
+                    "listens";
     }
-
-    ~OtherUsersProcess()
+    ~OtherUsersListener() { ::close(fd); }
+    std::string sent() const
     {
-        if (m_child > 0) {
-            ::kill(m_child, SIGKILL);
-            ::waitpid(m_child, nullptr, 0);
-        }
-        ::close(m_fromChild);
-        ::close(m_toChild);
-    }
-
-    bool waitUntilReady()
-    {
-        char byte = 0;
-        return m_child > 0 && isReadable(m_fromChild, kBoundMs) && ::read(m_fromChild, &byte, 1) == 1 &&
-               byte == 'R';
-    }
-
-    bool hasReported() const { return isReadable(m_fromChild, 0); }
-
-    // Tells a listener to stop, then reads what the child reports; nothing when it failed or hung.
-    std::optional<std::string> finish()
-    {
-        ::close(m_toChild);
-        m_toChild = -1;
-        std::string reported;
-        char buffer[256];
-        ssize_t got = 0;
-        while (isReadable(m_fromChild, kBoundMs) && (got = ::read(m_fromChild, buffer, sizeof buffer)) > 0)
-            reported.append(buffer, static_cast<std::size_t>(got));
-        int status = 0;
-        const bool ended = got == 0 && ::waitpid(m_child, &status, 0) == m_child;
-        m_child = ended ? -1 : m_child;
-        if (!ended || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
-            return std::nullopt;
-        return reported;
-    }
-
-private:
-    [[noreturn]] static void listen(const sockaddr_un& address, int report, int stop)
-    {
-        const int server = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        if (server < 0 || ::bind(server, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-            ::lchown(address.sun_path, kOtherUser, kOtherUser) != 0 || !dropToOtherUser() ||
-            ::listen(server, 8) != 0)
-            ::_exit(3);
-        if (::write(report, "R", 1) != 1)
-            ::_exit(4);
-        char received[256];
-        std::size_t length = 0;
-        for (;;) {
-            pollfd entries[2] = {{server, POLLIN, 0}, {stop, POLLIN, 0}};
-            if (::poll(entries, 2, -1) < 0 || entries[1].revents != 0)
-                break;
-            const int connection = ::accept(server, nullptr, nullptr);
-            if (connection >= 0)
-                length += readConnection(connection, stop, received + length, sizeof received - length);
+        std::string received;
+        for (int connection; (connection = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            char buffer[256];
+            for (ssize_t got; (got = ::recv(connection, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;)
+                received.append(buffer, static_cast<std::size_t>(got));
             ::close(connection);
         }
-        ::_exit(::write(report, received, length) == static_cast<ssize_t>(length) ? 0 : 4);
+        return received;
     }
 
-    [[noreturn]] static void ask(const sockaddr_un& address, int report)
-    {
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        if (!dropToOtherUser() || fd < 0 ||
-            ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-            ::_exit(3);
-        if (::write(report, "R", 1) != 1)
-            ::_exit(4);
-        // The program may have dropped the connection already: that is the answer, not a failure.
-        [[maybe_unused]] const ssize_t sent = ::send(fd, "reopen\n", 7, MSG_NOSIGNAL);
-        char answer[64];
-        ssize_t got = 0;
-        std::size_t length = 0;
-        while (length < sizeof answer && (got = ::read(fd, answer + length, sizeof answer - length)) > 0)
-            length += static_cast<std::size_t>(got);
-        ::_exit(::write(report, answer, length) == static_cast<ssize_t>(length) ? 0 : 4);
-    }
-
-    pid_t m_child = -1;
-    int m_fromChild = -1;
-    int m_toChild = -1;
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    bool ready = false;
 };
+
+// Asks the program at `socketPath` to reopen from a process of user 65534, while this thread's event loop
+// lets the program answer; what came back, or nothing when the process could not run.
+std::optional<std::string> askToReopenAsAnotherUser(const fs::path& socketPath)
+{
+    auto asked = std::async(std::launch::async, [address = addressOf(socketPath)] {
+        return TreeBuilder::runUnprivileged([&address] {
+            const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            const timeval bound{kBoundMs / 1000, 0};
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+            if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+                return std::string("no connection");
+            // The program may have dropped the connection already: that is the answer, not a failure.
+            [[maybe_unused]] const ssize_t sent = ::send(fd, "reopen\n", 7, MSG_NOSIGNAL);
+            std::string answer;
+            char buffer[64];
+            for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;)
+                answer.append(buffer, static_cast<std::size_t>(got));
+            return answer;
+        });
+    });
+    EXPECT_TRUE(
+        runEventLoopUntil([&] { return asked.wait_for(0s) == std::future_status::ready; }, 2 * kBoundMs));
+    return asked.get();
+}
 
 class SingleInstanceTest : public ::testing::Test {
 protected:
@@ -244,7 +154,9 @@ protected:
     TestHome home;
 };
 
-TEST_F(SingleInstanceTest, ASecondStartHandsOverToTheFirstWhichReopens)
+// The lock, not the socket's folder, decides who runs: a start with another TMPDIR and no runtime folder
+// still finds the first through the lock file.
+TEST_F(SingleInstanceTest, ASecondStartOnTheSamePreferencesHandsOverToTheFirstWhichReopens)
 {
     SingleInstance first(places());
     QSignalSpy reopen(&first, &SingleInstance::reopenRequested);
@@ -253,25 +165,12 @@ TEST_F(SingleInstanceTest, ASecondStartHandsOverToTheFirstWhichReopens)
     EXPECT_EQ(fsPath(first.socketPath()).parent_path(), home.path() / "run");
 
     EXPECT_EQ(claimAsASecondStart(places()), Claim::HandedOver);
-    EXPECT_EQ(reopen.count(), 1);
-    EXPECT_EQ(claimAsASecondStart(places()), Claim::HandedOver);
-    EXPECT_EQ(reopen.count(), 2);
-}
-
-TEST_F(SingleInstanceTest, TheLockNotTheSocketFolderDecidesWhoRuns)
-{
-    SingleInstance first({lockFile(), qPath(privateFolder("run-a")), qPath(folder("tmp-a"))});
-    QSignalSpy reopen(&first, &SingleInstance::reopenRequested);
-    ASSERT_EQ(first.claim(), Claim::Launch);
-
-    // Another shell on the same preferences: no runtime folder, another TMPDIR.
     EXPECT_EQ(claimAsASecondStart({lockFile(), QString(), qPath(folder("tmp-b"))}), Claim::HandedOver);
-    EXPECT_EQ(reopen.count(), 1);
+    EXPECT_EQ(reopen.count(), 2);
     EXPECT_TRUE(fs::is_empty(home.path() / "tmp-b")) << "a start that hands over makes nothing";
 
-    // Other preferences are another program's.
-    SingleInstance other({lockFile() + "-other", qPath(privateFolder("run-a")), qPath(folder("tmp-a"))});
-    EXPECT_EQ(other.claim(), Claim::Launch);
+    SingleInstance other({lockFile() + "-other", qPath(privateFolder("run")), qPath(folder("tmp"))});
+    EXPECT_EQ(other.claim(), Claim::Launch) << "other preferences are another program's";
     EXPECT_NE(other.socketPath(), first.socketPath());
 }
 
@@ -302,21 +201,11 @@ TEST_F(SingleInstanceTest, AHolderThatDoesNotAnswerRefusesTheSecondStartUntilItE
     EXPECT_EQ(SingleInstance(places()).claim(), Claim::Launch);
 }
 
-TEST_F(SingleInstanceTest, TheLockAndTheSocketGoWithTheProgram)
+TEST_F(SingleInstanceTest, TheLockAndTheSocketGoWithTheProgramAndAStaleSocketIsReplaced)
 {
     const fs::path socketPath = socketPathOfAFirstRun();
     EXPECT_FALSE(fs::exists(fs::symlink_status(socketPath)));
-
-    SingleInstance next(places());
-    EXPECT_EQ(next.claim(), Claim::Launch);
-    EXPECT_TRUE(next.isAnswering());
-}
-
-TEST_F(SingleInstanceTest, AStaleSocketIsReplacedAndTheLaunchAnswersOnIt)
-{
-    const fs::path socketPath = socketPathOfAFirstRun();
     leaveStaleSocketAt(socketPath);
-    ASSERT_TRUE(S_ISSOCK(statusOf(socketPath).st_mode));
 
     SingleInstance instance(places());
     EXPECT_EQ(instance.claim(), Claim::Launch);
@@ -382,9 +271,8 @@ TEST_F(SingleInstanceTest, AnotherUsersSocketNeitherStopsALaunchNorHearsFromUs)
     if (::geteuid() != 0)
         GTEST_SKIP() << "a process of another user can only be made by root";
     const fs::path socketPath = socketPathOfAFirstRun();
-    OtherUsersProcess other(OtherUsersProcess::Role::ListenAtOurPath, socketPath);
-    ASSERT_TRUE(other.waitUntilReady());
-    ASSERT_EQ(statusOf(socketPath).st_uid, kOtherUser);
+    const OtherUsersListener other(socketPath);
+    ASSERT_TRUE(other.ready);
 
     SingleInstance instance(places());
     EXPECT_EQ(instance.claim(), Claim::Launch);
@@ -394,7 +282,7 @@ TEST_F(SingleInstanceTest, AnotherUsersSocketNeitherStopsALaunchNorHearsFromUs)
 
     // A later start finds the lock taken and the other user's server where ours would be.
     EXPECT_EQ(claimAsASecondStart(places(), 0), Claim::AlreadyRunning);
-    EXPECT_EQ(other.finish(), std::string()) << "the other user's program was told nothing";
+    EXPECT_EQ(other.sent(), "") << "the other user's program was told nothing";
 }
 
 TEST_F(SingleInstanceTest, TheRunningProgramIgnoresAnotherUsersRequest)
@@ -410,12 +298,8 @@ TEST_F(SingleInstanceTest, TheRunningProgramIgnoresAnotherUsersRequest)
         ::chmod(path.c_str(), 0711);
     ::chmod(first.socketPath().toLocal8Bit().constData(), 0777);
 
-    OtherUsersProcess other(OtherUsersProcess::Role::AskToReopen, fsPath(first.socketPath()));
-    ASSERT_TRUE(other.waitUntilReady());
-    ASSERT_TRUE(runEventLoopUntil([&] { return other.hasReported(); }));
-    EXPECT_EQ(other.finish(), std::string()) << "no acknowledgement";
+    EXPECT_EQ(askToReopenAsAnotherUser(fsPath(first.socketPath())), std::string()) << "no acknowledgement";
     EXPECT_EQ(reopen.count(), 0);
-
     EXPECT_EQ(claimAsASecondStart(places()), Claim::HandedOver) << "its own user is still answered";
     EXPECT_EQ(reopen.count(), 1);
 }

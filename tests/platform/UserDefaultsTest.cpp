@@ -15,6 +15,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+namespace fs = std::filesystem;
+
 namespace {
 
 class UserDefaultsTest : public ::testing::Test {
@@ -22,15 +24,12 @@ protected:
     QString file() const { return UserDefaults::standardFilePath(); }
     QJsonObject fileContents() const
     {
-        QFile in(file());
-        return in.open(QIODevice::ReadOnly) ? QJsonDocument::fromJson(in.readAll()).object() : QJsonObject();
+        return QJsonDocument::fromJson(QByteArray::fromStdString(TreeBuilder::readFile(file().toStdString())))
+            .object();
     }
     void writeRawFile(const QByteArray& text) const
     {
-        QDir().mkpath(QFileInfo(file()).absolutePath());
-        QFile out(file());
-        ASSERT_TRUE(out.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        out.write(text);
+        TreeBuilder::writeFile(file().toStdString(), text.toStdString());
     }
 
     TestHome home;
@@ -111,64 +110,50 @@ TEST_F(UserDefaultsTest, ValuesOfTheWrongShapeReadAsAbsent)
     EXPECT_FALSE(defaults.arrayForKey("Missing").has_value());
 }
 
-TEST_F(UserDefaultsTest, AFolderWhereTheFileBelongsFailsEveryWriteWithItsCauseAndTheNextSaveKeepsThemAll)
+// A folder where the file belongs, or a file where its folder does (which not even root can get past).
+TEST_F(UserDefaultsTest, AWriteThatCannotReachTheDiskIsToldWithItsCauseAndTheNextSaveKeepsEverything)
 {
-    ASSERT_TRUE(QDir().mkpath(file()));
-    UserDefaults defaults(file());
-    QList<UserDefaults::WriteFailure> told;
-    defaults.setWriteFailureObserver([&told](const UserDefaults::WriteFailure& failure) { told << failure; });
+    const fs::path preferences = file().toStdString(), folder = preferences.parent_path();
+    for (const auto& [obstacle, cause] : {std::pair{preferences, EISDIR}, {folder, ENOTDIR}}) {
+        SCOPED_TRACE(obstacle);
+        if (cause == ENOTDIR)
+            TreeBuilder::writeFile(folder, "in the way");
+        else
+            TreeBuilder::makeFolder(preferences);
+        UserDefaults defaults(file());
+        QList<UserDefaults::WriteFailure> told;
+        defaults.setWriteFailureObserver(
+            [&told](const UserDefaults::WriteFailure& failure) { told << failure; });
+        defaults.registerDefaults({{"Flag", true}});
 
-    EXPECT_FALSE(defaults.setBoolForKey(true, "Flag"));
-    ASSERT_EQ(told.size(), 1);
-    EXPECT_EQ(told[0].filePath, file());
-    EXPECT_EQ(told[0].reason, qt_error_string(EISDIR));
-    ASSERT_TRUE(defaults.lastWriteFailure().has_value());
-    EXPECT_EQ(defaults.lastWriteFailure()->reason, told[0].reason);
-    EXPECT_TRUE(defaults.boolForKey("Flag")) << "the value holds for the rest of the session";
+        EXPECT_FALSE(defaults.setBoolForKey(false, "Flag"));
+        ASSERT_EQ(told.size(), 1);
+        EXPECT_EQ(told[0].filePath, file());
+        EXPECT_EQ(told[0].reason, qt_error_string(cause));
+        ASSERT_TRUE(defaults.lastWriteFailure().has_value());
+        EXPECT_EQ(defaults.lastWriteFailure()->reason, told[0].reason);
+        EXPECT_FALSE(defaults.setObjectForKey(QVariantList{1, 2}, "List"));
+        EXPECT_EQ(told.size(), 2) << "each failed write is told, not only the first";
+        EXPECT_FALSE(defaults.boolForKey("Flag")) << "the values hold for the rest of the session";
+        EXPECT_EQ(defaults.arrayForKey("List"), QVariantList({1, 2}));
 
-    EXPECT_FALSE(defaults.setObjectForKey(QVariantList{1, 2}, "List"));
-    EXPECT_EQ(told.size(), 2) << "each failed write is told, not only the first";
-    EXPECT_EQ(defaults.arrayForKey("List"), QVariantList({1, 2}));
-    EXPECT_TRUE(defaults.boolForKey("Flag"));
-
-    ASSERT_TRUE(QDir(file()).removeRecursively());
-    EXPECT_TRUE(defaults.setDataForKey("abc", "Blob"));
-    EXPECT_FALSE(defaults.lastWriteFailure().has_value());
-    EXPECT_EQ(told.size(), 2);
-    const QJsonObject saved = fileContents();
-    EXPECT_TRUE(saved.value("Flag").toBool()) << "values whose own write failed are saved with the next one";
-    EXPECT_EQ(saved.value("List").toArray(), QJsonArray({1, 2}));
-    EXPECT_EQ(UserDefaults(file()).dataForKey("Blob"), QByteArray("abc"));
-}
-
-TEST_F(UserDefaultsTest, WhenItsFolderCannotBeMadeTheStoreWorksInMemoryUntilItCan)
-{
-    // A file where the preferences folder belongs: not even root can make the folder.
-    const QString folder = QFileInfo(file()).absolutePath();
-    ASSERT_TRUE(QDir().mkpath(QFileInfo(folder).absolutePath()));
-    QFile blocker(folder);
-    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
-    blocker.close();
-
-    UserDefaults defaults(file());
-    defaults.registerDefaults({{"FirstLaunch", true}});
-    EXPECT_TRUE(defaults.boolForKey("FirstLaunch"));
-    EXPECT_FALSE(defaults.setBoolForKey(false, "FirstLaunch"));
-    ASSERT_TRUE(defaults.lastWriteFailure().has_value());
-    EXPECT_EQ(defaults.lastWriteFailure()->reason, qt_error_string(ENOTDIR));
-    EXPECT_FALSE(defaults.boolForKey("FirstLaunch"));
-
-    ASSERT_TRUE(QFile::remove(folder));
-    EXPECT_TRUE(defaults.setBoolForKey(true, "Other"));
-    EXPECT_FALSE(fileContents().value("FirstLaunch").toBool(true));
-    EXPECT_TRUE(fileContents().value("Other").toBool());
+        fs::remove_all(obstacle);
+        EXPECT_TRUE(defaults.setDataForKey("abc", "Blob"));
+        EXPECT_FALSE(defaults.lastWriteFailure().has_value());
+        EXPECT_EQ(told.size(), 2);
+        const QJsonObject saved = fileContents();
+        EXPECT_EQ(saved.value("Flag"), QJsonValue(false))
+            << "values whose own write failed are saved with the next one";
+        EXPECT_EQ(saved.value("List").toArray(), QJsonArray({1, 2}));
+        EXPECT_EQ(UserDefaults(file()).dataForKey("Blob"), QByteArray("abc"));
+        fs::remove_all(folder);
+    }
 }
 
 TEST_F(UserDefaultsTest, AFolderTheUserMayNotWriteToIsNamedAsTheCause)
 {
     // The child gives up root, for which permission bits do not count; the folder is closed to its
     // owner too, so the test also holds when run without root.
-    namespace fs = std::filesystem;
     const fs::path folder = fs::path(file().toStdString()).parent_path();
     fs::create_directories(folder);
     fs::permissions(home.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |

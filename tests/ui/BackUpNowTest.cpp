@@ -35,14 +35,6 @@ protected:
         writeFileOfSize(iCloud() / "iCloud~com~example~Notes" / "Documents" / "note.txt", 300);
         makeSymlink("report.pages", iCloud() / "com~apple~CloudDocs" / "link");
     }
-    static std::vector<fs::path> entries(const fs::path& folder)
-    {
-        std::vector<fs::path> found;
-        for (const auto& entry : fs::recursive_directory_iterator(folder))
-            found.push_back(entry.path().lexically_relative(folder));
-        std::sort(found.begin(), found.end());
-        return found;
-    }
     // A socket cannot be copied, whoever runs the copy.
     static void makeSocket(const fs::path& path)
     {
@@ -75,10 +67,9 @@ protected:
         copier =
             copierPausingAfterFirstFile([this](const std::atomic<bool>*) { release.get_future().wait(); });
     }
-    std::vector<fs::path> backupRootEntries() const
+    Items backupRootEntries() const
     {
-        return fs::exists(home.dataHome() / "Pelmora") ? entries(home.dataHome() / "Pelmora")
-                                                       : std::vector<fs::path>{};
+        return fs::exists(home.dataHome() / "Pelmora") ? contents(home.dataHome() / "Pelmora") : Items{};
     }
 
     // The backup root's own entries, sorted.
@@ -120,12 +111,11 @@ TEST_F(BackUpNowTest, CopiesTheiCloudFolderIntoADatedFolderAndRecordsItAndASecon
     EXPECT_EQ(folder.filename().string(),
               QLocale().toString(record->backupDate()->toLocalTime(), "yyyy.MM.dd-HH.mm.ss").toStdString());
     EXPECT_EQ(record->backupSize(), 1200 + 300 + 12) << "the counted size, link included, no .DS_Store";
-    EXPECT_EQ(entries(folder),
-              (std::vector<fs::path>{"com~apple~CloudDocs", "com~apple~CloudDocs/link",
-                                     "com~apple~CloudDocs/report.pages", "iCloud~com~example~Notes",
-                                     "iCloud~com~example~Notes/Documents",
-                                     "iCloud~com~example~Notes/Documents/note.txt"}));
-    EXPECT_EQ(readFile(folder / "com~apple~CloudDocs" / "report.pages"), std::string(1200, 'x'));
+    EXPECT_EQ(contents(folder),
+              (Items{"com~apple~CloudDocs=/", "com~apple~CloudDocs/link=-> report.pages",
+                     "com~apple~CloudDocs/report.pages=" + std::string(1200, 'x'),
+                     "iCloud~com~example~Notes=/", "iCloud~com~example~Notes/Documents=/",
+                     "iCloud~com~example~Notes/Documents/note.txt=" + std::string(300, 'x')}));
     EXPECT_EQ(storedFolders(), QStringList({*record->backupFolder()}));
     expectIdle(*controller);
     EXPECT_TRUE(controller->restoreFromBackupBtn()->isEnabled());
@@ -165,7 +155,7 @@ TEST_F(BackUpNowTest, WithoutTheiCloudFolderOrItsDriveOnlyAnAlertButAnEmptyDrive
     ASSERT_EQ(controller->backups().count(), 1);
     EXPECT_EQ(controller->backups().last()->backupSize(), 0);
     EXPECT_GE(controller->backups().last()->backupDate().value(), before) << "dated by the wall clock";
-    EXPECT_EQ(entries(folderOf(controller->backups().last())), std::vector<fs::path>{"com~apple~CloudDocs"});
+    EXPECT_EQ(contents(folderOf(controller->backups().last())), Items{"com~apple~CloudDocs=/"});
 }
 
 TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRemovesThePartialFolder)
@@ -210,16 +200,12 @@ TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRem
 TEST_F(BackUpNowTest, AFolderLargerThanTheFreeSpaceOnItsOwnVolumeStopsWithTheBackupTextBeforeAnyCopy)
 {
     // The iCloud folder on a volume of 1 MiB holding 700 KiB: less is free than the folder holds.
-    makeFolder(iCloud());
-    if (::mount("tmpfs", iCloud().c_str(), "tmpfs", 0, "size=1m") != 0)
+    if (!mountSmallVolume(iCloud(), "1m"))
         GTEST_SKIP() << "cannot mount a small tmpfs here";
     writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "big.bin", 700 * 1024);
     auto controller = openWindow();
 
-    const bool ended = backUp(*controller);
-    controller.reset();
-    ::umount(iCloud().c_str());
-    ASSERT_TRUE(ended);
+    ASSERT_TRUE(backUp(*controller));
     ASSERT_EQ(alerts.shown.size(), 1);
     EXPECT_EQ(alerts.shown[0].informativeText, text("alertNotEnoughDiskSpaceToBackUpInfo"));
     EXPECT_TRUE(storedFolders().isEmpty());
@@ -407,11 +393,10 @@ TEST_F(BackUpNowTest, AtLaunchAMarkedFolderThatNoRecordNamesIsRemovedAndARecorde
 {
     makeiCloudFolder();
     const fs::path root = home.dataHome() / "Pelmora";
-    writeFile(root / "2026.01.01-10.00.00" / "com~apple~CloudDocs" / "half", "x");
+    writeItems(root, {"2026.01.01-10.00.00/com~apple~CloudDocs/half=x",
+                      "2026.01.02-10.00.00/com~apple~CloudDocs/whole=x", "2026.01.03-10.00.00/unmarked=x"});
     ASSERT_FALSE(UnfinishedMark::set(root / "2026.01.01-10.00.00"));
-    writeFile(root / "2026.01.02-10.00.00" / "com~apple~CloudDocs" / "whole", "x");
     ASSERT_FALSE(UnfinishedMark::set(root / "2026.01.02-10.00.00"));
-    writeFile(root / "2026.01.03-10.00.00" / "unmarked", "x");
     storeBackups({BackupRecord::make(QDateTime::currentDateTime(),
                                      QString::fromStdString((root / "2026.01.02-10.00.00").string()), 1)});
 
@@ -419,9 +404,9 @@ TEST_F(BackUpNowTest, AtLaunchAMarkedFolderThatNoRecordNamesIsRemovedAndARecorde
     // The sweep runs in the background; the marks go last.
     ASSERT_TRUE(runEventLoopUntil([&] { return UnfinishedMark::markedFolders(root).empty(); }));
     EXPECT_EQ(backupRootEntries(),
-              (std::vector<fs::path>{"2026.01.02-10.00.00", "2026.01.02-10.00.00/com~apple~CloudDocs",
-                                     "2026.01.02-10.00.00/com~apple~CloudDocs/whole", "2026.01.03-10.00.00",
-                                     "2026.01.03-10.00.00/unmarked"}))
+              (Items{"2026.01.02-10.00.00=/", "2026.01.02-10.00.00/com~apple~CloudDocs=/",
+                     "2026.01.02-10.00.00/com~apple~CloudDocs/whole=x", "2026.01.03-10.00.00=/",
+                     "2026.01.03-10.00.00/unmarked=x"}))
         << "an unmarked folder is nobody's business at launch";
     EXPECT_EQ(controller->backups().count(), 1);
 }
@@ -467,65 +452,51 @@ TEST_F(QuitAppsTest, ABackupWaitsForTheAppsThatUseiCloudAndGoesOnWhenTheyQuit)
 
     request->backUpNowOrRestoreBtn()->click();
     EXPECT_TRUE(request->isVisible()) << "the button only brings the window forward while Notes runs";
-    EXPECT_EQ(finished.count(), 0);
 
+    // Notes quits, but an app that uses iCloud too has started meanwhile: the backup waits for it.
     applications.remove(42);
+    applications.add(43, QString("com.example"), "Example Helper");
+    ASSERT_TRUE(runEventLoopUntil(
+        [&] { return request->appsToQuit().size() == 2 && request->appsToQuit()[0].pid == 43; }));
+    EXPECT_TRUE(request->isVisible());
+    EXPECT_EQ(finished.count(), 0);
+    applications.remove(43);
     ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() > 0; }));
     EXPECT_FALSE(request->isVisible());
     EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
     EXPECT_EQ(controller->backups().count(), 1);
 }
 
-TEST_F(QuitAppsTest, AnAppStartedMeanwhileKeepsTheRequestOpenUntilCancelOrClosingGivesTheBackupUp)
-{
-    applications.remove(42);
-    applications.add(43, QString("com.example"), "Example Helper");
-    ASSERT_TRUE(runEventLoopUntil(
-        [&] { return request->appsToQuit().size() == 2 && request->appsToQuit()[0].pid == 43; }));
-    EXPECT_TRUE(request->isVisible());
-    EXPECT_NE(request->checkAppsStateTimer(), nullptr);
-    EXPECT_TRUE(controller->isiCloudBackingUp());
-
-    request->cancelBtn()->click();
-    EXPECT_FALSE(request->isVisible());
-    EXPECT_FALSE(controller->isiCloudBackingUp());
-    EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
-
-    controller->backUpNow();
-    ASSERT_TRUE(request->isVisible());
-    ASSERT_NE(request->checkAppsStateTimer(), nullptr);
-    request->close();
-    EXPECT_FALSE(controller->isiCloudBackingUp());
-    EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
-    EXPECT_EQ(controller->backups().count(), 0);
-}
-
-TEST_F(QuitAppsTest, EscapeAndTheCloseButtonGiveTheBackupUpAndItDoesNotStartWhenTheAppsQuitLater)
+// Cancel, close(), Escape where the keyboard focus sits when the window opens (the table passes it on to the
+// window) and the title bar's close button (a close request from the window system) each give the backup
+// up, and it does not start when the apps quit later.
+TEST_F(QuitAppsTest, EveryWayOfClosingTheRequestGivesTheBackupUp)
 {
     QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
-    const auto expectGivenUp = [&](const char* how) {
-        EXPECT_FALSE(request->isVisible()) << how;
-        EXPECT_FALSE(controller->isiCloudBackingUp()) << how;
-        EXPECT_EQ(request->checkAppsStateTimer(), nullptr) << how;
+    QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
+    const std::pair<const char*, std::function<void()>> ways[] = {
+        {"Cancel", [&] { request->cancelBtn()->click(); }},
+        {"close()", [&] { request->close(); }},
+        {"Escape", [&] { QCoreApplication::sendEvent(request->appsToQuitTable(), &escape); }},
+        {"the close button", [&] { EXPECT_TRUE(request->windowHandle()->close()); }},
+    };
+    for (const auto& [way, close] : ways) {
+        SCOPED_TRACE(way);
+        if (!request->isVisible()) {
+            applications.add(42, QString("com.example.Notes"), "Notes");
+            controller->backUpNow();
+        }
+        ASSERT_TRUE(request->isVisible());
+        ASSERT_NE(request->checkAppsStateTimer(), nullptr);
+        close();
+        EXPECT_FALSE(request->isVisible());
+        EXPECT_FALSE(controller->isiCloudBackingUp());
+        EXPECT_EQ(request->checkAppsStateTimer(), nullptr);
         applications.remove(42);
         const auto started = [&] { return controller->isiCloudBackingUp() || finished.count() > 0; };
-        EXPECT_FALSE(runEventLoopUntil(started, 300)) << how << ": nothing starts once Notes has quit";
-        EXPECT_FALSE(controller->operationProgressWindow()->isVisible()) << how;
-    };
-
-    // Where the keyboard focus sits when the window opens; the table passes Escape on to the window.
-    QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
-    QCoreApplication::sendEvent(request->appsToQuitTable(), &escape);
-    expectGivenUp("Escape");
-
-    applications.add(42, QString("com.example.Notes"), "Notes");
-    controller->backUpNow();
-    ASSERT_TRUE(request->isVisible());
-    ASSERT_NE(request->checkAppsStateTimer(), nullptr);
-    ASSERT_NE(request->windowHandle(), nullptr);
-    // The way the title bar's button arrives: a close request from the window system.
-    EXPECT_TRUE(request->windowHandle()->close());
-    expectGivenUp("the close button");
+        EXPECT_FALSE(runEventLoopUntil(started, 300)) << "nothing starts once Notes has quit";
+        EXPECT_FALSE(controller->operationProgressWindow()->isVisible());
+    }
     EXPECT_EQ(controller->backups().count(), 0);
 }
 

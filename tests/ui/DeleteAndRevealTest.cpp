@@ -50,27 +50,6 @@ TEST_F(DeleteAndRevealTest, YesRemovesTheFolderAndTheRecordAndAGoneFolderIsDropp
     EXPECT_EQ(controller->backups().count(), 0);
     EXPECT_EQ(alerts.messages(), QStringList(2, text("alertDeleteBackupMessage")))
         << "only the confirmations";
-}
-
-TEST_F(DeleteAndRevealTest, NoKeepsEverythingButNoWithTheBoxTickedRemovesAndRemembers)
-{
-    alerts.answers = {AlertResponse{1001, false}};
-    controller->deleteBackup();
-    EXPECT_EQ(controller->backups().count(), 2);
-    EXPECT_TRUE(fs::exists(folderOf(1)));
-
-    alerts.answers = {AlertResponse{1001, true}};
-    controller->deleteBackup();
-    EXPECT_EQ(controller->backups().count(), 1);
-    EXPECT_TRUE(iCloudPrefs::dontAskAgainRemoveBackup(defaults));
-
-    // From now on nothing is asked.
-    controller->backupsTable()->selectRow(0);
-    const fs::path last = folderOf(0);
-    controller->deleteBackup();
-    EXPECT_EQ(alerts.shown.size(), 2);
-    EXPECT_FALSE(fs::exists(last));
-    EXPECT_EQ(controller->backups().count(), 0);
     EXPECT_EQ(controller->lastBackupInfoLabel()->text(),
               text("labelLastBackup") + ":\n" + text("labelLastBackupDateNever"));
     EXPECT_FALSE(controller->deleteBackupBtn()->isEnabled());

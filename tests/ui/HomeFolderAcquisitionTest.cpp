@@ -42,17 +42,6 @@ protected:
     HomeFolderAcquisition acquisition{defaults, chooser, passwords};
 };
 
-TEST_F(HomeFolderAcquisitionTest, OutsideASandboxTheProcessHomeIsUsedAndNothingIsAsked)
-{
-    const HomeFolderOutcome outcome = run(false);
-    EXPECT_EQ(outcome.homeDirectory, QString("/tmp/elsewhere"));
-    EXPECT_FALSE(outcome.endLaunchEarly);
-    EXPECT_TRUE(chooser.titles.isEmpty());
-    EXPECT_FALSE(storedObject().contains("FirstLaunch"));
-    EXPECT_EQ(HomeFolderAcquisition::mobileDocumentsDirectory(*outcome.homeDirectory),
-              "/tmp/elsewhere/Library/Mobile Documents");
-}
-
 TEST_F(HomeFolderAcquisitionTest, FirstSandboxedLaunchWithTheRealHomeStoresABookmarkThatLaterLaunchesResolve)
 {
     chooser.answer = realHome;

@@ -58,16 +58,6 @@ TEST_F(MainWindowControllerTest, AFreshWindowShowsItsTextsAndMeasuresTheiCloudFo
     EXPECT_EQ(controller->labeliCloudSize()->text(), ByteCountFormatter::stringFromByteCount(6500));
 }
 
-TEST_F(MainWindowControllerTest, SandboxedItKnowsNoFolderUntilTheLaunchHandsItOne)
-{
-    MainWindowController controller(services(true));
-    controller.showWindow(); // not openWindow, which waits for a measurement to end
-    EXPECT_FALSE(controller.mobileDocumentsDirectory().has_value());
-    EXPECT_EQ(controller.labeliCloudSize()->text(), "?");
-    EXPECT_FALSE(controller.isCalculatingiCloudSizeInProgress());
-    EXPECT_FALSE(streams.calls.contains("start"));
-}
-
 TEST_F(MainWindowControllerTest, RowsShowTheRecordsInCompletionOrderWithAContextMenuAndADoubleClick)
 {
     const QDateTime second = QDateTime::fromSecsSinceEpoch(1700000000);
@@ -212,14 +202,6 @@ TEST_F(MainWindowControllerTest, TheWindowFrameIsRememberedBetweenRuns)
     first->close();
     first.reset();
     EXPECT_EQ(openWindow()->size(), QSize(731, 517));
-}
-
-TEST(UserInterfaceLibraryTest, VersionsAfterTenNineCount)
-{
-    EXPECT_FALSE(MainWindowController::isYosemiteRunning(1265.0));
-    EXPECT_FALSE(MainWindowController::isYosemiteRunning(1265.9));
-    EXPECT_TRUE(MainWindowController::isYosemiteRunning(1266.0));
-    EXPECT_TRUE(MainWindowController::isYosemiteRunning());
 }
 
 } // namespace
