@@ -192,6 +192,11 @@ SingleInstance::Claim SingleInstance::claim()
     }
 }
 
+bool SingleInstance::claimWithoutAnswering()
+{
+    return takeLock() != Lock::HeldElsewhere;
+}
+
 bool SingleInstance::isAnswering() const
 {
     return m_server && m_server->isListening();

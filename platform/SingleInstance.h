@@ -38,6 +38,9 @@ public:
     // later starts are answered where possible. HandedOver: the holder has confirmed it will reopen.
     // AlreadyRunning: the holder did not answer; the caller must not open a second writer.
     Claim claim();
+    // For a program that writes but has no window to show: takes the lock (or finds that no lock can be
+    // had, as claim() does) and answers nobody; false when another program holds it.
+    bool claimWithoutAnswering();
     // How long a start that finds the lock taken keeps trying: the holder may be between taking the
     // lock and listening, or on its way out.
     void setHandOverPatience(int milliseconds) { m_handOverPatienceMs = milliseconds; }

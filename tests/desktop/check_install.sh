@@ -13,7 +13,7 @@ fail() { echo "FAIL: $*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$prefix" >/dev/null
 
-expected=$(printf '%s\n' bin/Pelmora "share/applications/$id.desktop" "share/metainfo/$id.metainfo.xml" \
+expected=$(printf '%s\n' bin/Pelmora bin/pelmora "share/applications/$id.desktop" "share/metainfo/$id.metainfo.xml" \
     "share/icons/hicolor/scalable/apps/$id.svg" | sort)
 installed=$(cd "$prefix" && find . -type f -o -type l | sed 's|^\./||' | sort)
 [[ "$installed" == "$expected" ]] || fail "installed files differ from the expected ones:
@@ -22,6 +22,8 @@ $(diff <(echo "$expected") <(echo "$installed"))"
 [[ -x "$prefix/bin/Pelmora" ]] || fail "bin/Pelmora is not executable"
 answer=$(env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM "$prefix/bin/Pelmora" --version)
 [[ "$answer" == "Pelmora $version" ]] || fail "the installed program answers --version with '$answer'"
+tool=$(env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM "$prefix/bin/pelmora" --version)
+[[ "$tool" == "pelmora $version" ]] || fail "the installed tool answers --version with '$tool'"
 
 entry="$prefix/share/applications/$id.desktop"
 metainfo="$prefix/share/metainfo/$id.metainfo.xml"

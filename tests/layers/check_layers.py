@@ -6,7 +6,7 @@ import re
 import sys
 
 # Lowest first; folders of one level are peers and do not include each other.
-LEVEL = {'Helpers': 0, 'platform': 1, 'engine': 2, 'store': 2, 'watch': 2, 'operations': 3, 'ui': 4, 'app': 5}
+LEVEL = {'Helpers': 0, 'platform': 1, 'engine': 2, 'store': 2, 'watch': 2, 'operations': 3, 'ui': 4, 'app': 5, 'cli': 5}
 QT_FREE = {'Helpers', 'engine'}
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 

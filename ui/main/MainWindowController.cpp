@@ -1,12 +1,11 @@
 #include "MainWindowController.h"
 
-#include "engine/NotCopiedList.h"
 #include "engine/UnfinishedMark.h"
 #include "Helpers/BundleInfo.h"
 #include "Helpers/CocoaAdditions.h"
 #include "Helpers/DirectoryUtility.h"
-#include "Helpers/ItemRemover.h"
 #include "operations/Background.h"
+#include "operations/BackupRemoval.h"
 #include "operations/Logging.h"
 #include "platform/AlertPresenter.h"
 #include "platform/Bookmark.h"
@@ -786,23 +785,13 @@ void MainWindowController::deleteBackup()
 // folder already gone is fine, and its record goes quietly.
 bool MainWindowController::removeBackupFolder(const QString& folder)
 {
-    struct stat st {};
-    const std::filesystem::path path = QFile::encodeName(folder).toStdString();
-    if (folder.isEmpty() || (::lstat(path.c_str(), &st) != 0 && errno == ENOENT))
-        return true;
-    if (!BackupRoot::isRemovableBackupFolder(folder)) {
+    const BackupRemoval::Outcome removal = BackupRemoval::removeFolder(folder);
+    if (removal.result == BackupRemoval::Result::NotABackupFolder)
         runBackupNotFoundAlert();
-        return false;
-    }
-    const std::optional<FsError> failed = ItemRemover::removeItemAtPath(path);
-    if (failed && ::lstat(path.c_str(), &st) == 0) {
-        m_alerts->runBackupNotRemovedAlert(QFile::decodeName(failed->path.c_str()),
-                                           QString::fromLocal8Bit(std::strerror(failed->code)));
-        return false;
-    }
-    // The list of what the backup lacked goes with it.
-    NotCopiedList::remove(path);
-    return true;
+    else if (removal.result == BackupRemoval::Result::PartlyLeft)
+        m_alerts->runBackupNotRemovedAlert(QFile::decodeName(removal.failure.path.c_str()),
+                                           QString::fromLocal8Bit(std::strerror(removal.failure.code)));
+    return removal.recordMayGo();
 }
 
 void MainWindowController::showInFinder()
