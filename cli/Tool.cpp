@@ -1,5 +1,6 @@
 #include "Tool.h"
 
+#include "cli/BackupSchedule.h"
 #include "cli/ProgressPrinter.h"
 #include "engine/NotCopiedList.h"
 #include "engine/RestorePreparation.h"
@@ -9,6 +10,7 @@
 #include "operations/BackupRemoval.h"
 #include "operations/RestoreOperation.h"
 #include "platform/ByteCountFormatter.h"
+#include "platform/Notifications.h"
 #include "platform/PasswordDatabase.h"
 #include "platform/SingleInstance.h"
 #include "platform/UserDefaults.h"
@@ -69,8 +71,14 @@ int Tool::run(const ToolArguments& arguments)
         return kDone;
     case ToolArguments::Command::List:
         return list(arguments.json);
-    case ToolArguments::Command::Backup:
-        return backUp(arguments);
+    case ToolArguments::Command::Backup: {
+        const int status = backUp(arguments);
+        if (arguments.notify && status != kDone)
+            notifyOfTimersRun(status);
+        return status;
+    }
+    case ToolArguments::Command::Schedule:
+        return schedule(arguments);
     case ToolArguments::Command::Restore:
         return restore(arguments);
     case ToolArguments::Command::Delete:
@@ -88,8 +96,9 @@ void Tool::cancel()
         m_running->cancel();
 }
 
-int Tool::refuse(const QString& line) const
+int Tool::refuse(const QString& line)
 {
+    m_problem = line;
     std::fprintf(m_services.err, "pelmora: %s\n", qPrintable(line));
     return kRefused;
 }
@@ -227,7 +236,12 @@ int Tool::backUp(const ToolArguments& arguments)
     if (arguments.keep)
         keepNewest(*arguments.keep);
     printItems("not copied", run.notCopied());
-    return run.notCopied().empty() ? kDone : kDoneWithItemsLeftOut;
+    if (run.notCopied().empty())
+        return kDone;
+    m_problem = QStringLiteral("%1 items could not be copied into %2; `pelmora list` shows the backup")
+                    .arg(QLocale().toString(static_cast<qulonglong>(run.notCopied().size())),
+                         folderName(m_backups.last()));
+    return kDoneWithItemsLeftOut;
 }
 
 // As the window does it: the mark comes off once the record is on disk.
@@ -377,4 +391,36 @@ int Tool::compare(const ToolArguments& arguments)
                      qPrintable(ByteCountFormatter::stringFromByteCount(bytes)));
     }
     return kDone;
+}
+
+int Tool::schedule(const ToolArguments& arguments)
+{
+    BackupSchedule schedule(m_services.toolPath);
+    QString why;
+    if (arguments.interval == QLatin1String("off") && !schedule.remove(why))
+        return refuse(why);
+    if (BackupSchedule::isInterval(arguments.interval) && !schedule.install(arguments.interval, why))
+        return refuse(why);
+    const std::optional<QString> interval = schedule.interval();
+    if (!interval) {
+        std::fprintf(m_services.out, "scheduled backups: off\n");
+        return kDone;
+    }
+    const QString next = schedule.nextRun();
+    std::fprintf(m_services.out, "scheduled backups: %s; next run: %s\n", qPrintable(*interval),
+                 qPrintable(next.isEmpty() ? QStringLiteral("unknown (systemd did not say)") : next));
+    return kDone;
+}
+
+// Nobody watches a timer's run: what went wrong is also a desktop notification, and when no notification
+// service answers, the line on stderr (which the journal keeps) is all there is.
+void Tool::notifyOfTimersRun(int status)
+{
+    const QString summary = status == kDoneWithItemsLeftOut
+                                ? QStringLiteral("The scheduled backup left items out")
+                                : QStringLiteral("The scheduled backup was not made");
+    if (m_services.notifications && m_services.notifications->notify(summary, m_problem))
+        return;
+    std::fprintf(m_services.err, "pelmora: no notification service answered; %s: %s\n", qPrintable(summary),
+                 qPrintable(m_problem));
 }

@@ -15,6 +15,7 @@
 
 class BackupOperation;
 class CopyOperation;
+class Notifications;
 class PasswordDatabase;
 class RunningApplications;
 class SingleInstance;
@@ -42,6 +43,10 @@ public:
         std::FILE* err = stderr;
         bool terminal = false; // progress as a bar redrawn in place
         std::function<QDateTime()> now = {};
+        // The desktop's notifications, for a timer's run; none: only stderr.
+        Notifications* notifications = nullptr;
+        // What the timer runs.
+        QString toolPath = {};
     };
 
     explicit Tool(Services services, QObject* parent = nullptr);
@@ -57,8 +62,10 @@ private:
     int restore(const ToolArguments& arguments);
     int remove(const ToolArguments& arguments);
     int compare(const ToolArguments& arguments);
+    int schedule(const ToolArguments& arguments);
+    void notifyOfTimersRun(int status);
 
-    int refuse(const QString& line) const;
+    int refuse(const QString& line);
     std::optional<QString> iCloudFolder(QString& why) const;
     // The record a BACKUP word names; its index in the list.
     std::optional<qsizetype> find(const QString& word) const;
@@ -73,4 +80,6 @@ private:
     BackupStore m_backups;
     CopyOperation* m_running = nullptr;
     bool m_cancelled = false;
+    // What kept the last command from doing everything, in the words printed on stderr.
+    QString m_problem;
 };

@@ -11,7 +11,7 @@ struct CommandWord {
 constexpr CommandWord kCommands[] = {
     {"list", ToolArguments::Command::List, false},      {"backup", ToolArguments::Command::Backup, false},
     {"restore", ToolArguments::Command::Restore, true}, {"delete", ToolArguments::Command::Delete, true},
-    {"compare", ToolArguments::Command::Compare, true},
+    {"compare", ToolArguments::Command::Compare, true}, {"schedule", ToolArguments::Command::Schedule, false},
 };
 
 bool allows(ToolArguments::Command command, const QString& option)
@@ -21,7 +21,7 @@ bool allows(ToolArguments::Command command, const QString& option)
         return command == Command::List;
     if (option == QLatin1String("--ignore-running-apps"))
         return command == Command::Backup || command == Command::Restore;
-    if (option == QLatin1String("--keep"))
+    if (option == QLatin1String("--keep") || option == QLatin1String("--notify"))
         return command == Command::Backup;
     return false;
 }
@@ -35,6 +35,7 @@ QString ToolArguments::usage()
                           "       pelmora restore BACKUP [--ignore-running-apps]\n"
                           "       pelmora delete BACKUP\n"
                           "       pelmora compare BACKUP\n"
+                          "       pelmora schedule [hourly|daily|weekly|off]\n"
                           "BACKUP is a backup's folder name, as `pelmora list` shows it, or \"latest\".\n");
 }
 
@@ -65,6 +66,7 @@ std::optional<ToolArguments> ToolArguments::parse(const QStringList& words, QStr
             arguments.json = arguments.json || word == QLatin1String("--json");
             arguments.ignoreRunningApps =
                 arguments.ignoreRunningApps || word == QLatin1String("--ignore-running-apps");
+            arguments.notify = arguments.notify || word == QLatin1String("--notify");
             if (word == QLatin1String("--keep")) {
                 bool number = false;
                 const int keep = i + 1 < words.size() ? words.at(i + 1).toInt(&number) : 0;
@@ -77,6 +79,10 @@ std::optional<ToolArguments> ToolArguments::parse(const QStringList& words, QStr
             }
         } else if (found->takesBackup && arguments.backup.isEmpty()) {
             arguments.backup = word;
+        } else if (arguments.command == Command::Schedule && arguments.interval.isEmpty() &&
+                   (word == QLatin1String("hourly") || word == QLatin1String("daily") ||
+                    word == QLatin1String("weekly") || word == QLatin1String("off"))) {
+            arguments.interval = word;
         } else {
             error = QStringLiteral("unexpected \"%1\"").arg(word);
             return std::nullopt;

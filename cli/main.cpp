@@ -1,6 +1,7 @@
 #include "cli/Tool.h"
 #include "cli/ToolArguments.h"
 #include "Helpers/ParallelWalk.h"
+#include "platform/FreedesktopNotifications.h"
 #include "platform/PosixPasswordDatabase.h"
 #include "platform/ProcRunningApplications.h"
 #include "platform/SingleInstance.h"
@@ -31,8 +32,17 @@ int main(int argc, char* argv[])
     iCloudPrefs::registerDefaults(defaults);
     PosixPasswordDatabase passwords;
     ProcRunningApplications runningApplications;
-    Tool tool(
-        {defaults, runningApplications, passwords, instance, stdout, stderr, ::isatty(STDERR_FILENO) == 1});
+    FreedesktopNotifications notifications;
+    Tool tool({defaults,
+               runningApplications,
+               passwords,
+               instance,
+               stdout,
+               stderr,
+               ::isatty(STDERR_FILENO) == 1,
+               {},
+               &notifications,
+               QCoreApplication::applicationFilePath()});
     TerminationSignals termination;
     termination.install();
     QObject::connect(&termination, &TerminationSignals::terminationRequested, &tool,

@@ -8,14 +8,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVirtualObject>
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QStandardPaths>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -23,6 +28,17 @@ namespace fs = std::filesystem;
 using namespace TreeBuilder;
 
 namespace {
+
+// A socket cannot be copied, whoever runs the copy.
+void makeSocket(const fs::path& path)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ::close(fd);
+}
 
 struct Finished {
     int status = -1;
@@ -37,11 +53,14 @@ protected:
 
     static QString toolPath() { return QStringLiteral(PELMORA_BINARY_DIR "/pelmora"); }
 
-    Finished tool(const QStringList& arguments)
+    // Run with the event loop turning, so that a bus service of the test's own can answer the tool.
+    Finished tool(const QStringList& arguments,
+                  const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
     {
         QProcess process;
+        process.setProcessEnvironment(environment);
         process.start(toolPath(), arguments);
-        EXPECT_TRUE(process.waitForFinished(60000));
+        EXPECT_TRUE(runEventLoopUntil([&] { return process.state() == QProcess::NotRunning; }, 60000));
         EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << "no crash";
         return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
                 QString::fromUtf8(process.readAllStandardError())};
@@ -165,14 +184,7 @@ TEST_F(ToolTest, RefusalsEndWithStatusTwoAndOneLineAndWriteNothing)
 TEST_F(ToolTest, ItemsLeftOutGiveStatusOneAndKeepRemovesOnlyOlderBackups)
 {
     writeItems(iCloud(), {"com~apple~CloudDocs/a=a"});
-    // A socket cannot be copied.
-    const fs::path socketPath = iCloud() / "com~apple~CloudDocs" / "agent.sock";
-    const int socketFd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", socketPath.c_str());
-    ASSERT_EQ(::bind(socketFd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ::close(socketFd);
+    makeSocket(iCloud() / "com~apple~CloudDocs" / "agent.sock");
     // Two older backups, as the window would have left them.
     {
         UserDefaults defaults(UserDefaults::standardFilePath());
@@ -195,6 +207,106 @@ TEST_F(ToolTest, ItemsLeftOutGiveStatusOneAndKeepRemovesOnlyOlderBackups)
     EXPECT_FALSE(fs::exists(backupRoot() / "2020.01.01-10.00.00"));
     EXPECT_TRUE(fs::exists(backupRoot() / "2021.01.01-10.00.00"));
     EXPECT_TRUE(fs::exists(QFile::encodeName(*records().at(1)->backupFolder()).toStdString()));
+}
+
+// systemctl as the tool finds it on PATH: it notes every call, and fails when told to.
+QProcessEnvironment withFakeSystemctl(const fs::path& bin, bool fails)
+{
+    writeItems(bin, {std::string("systemctl=#!/bin/sh\necho \"$*\" >> '") + (bin / "calls").native() + "'\n" +
+                     (fails ? "echo 'Failed to connect to bus: No medium found' >&2\nexit 1\n"
+                            : "[ \"$2\" = show ] && echo 'Tue 2026-11-24 00:00:00 UTC'\nexit 0\n")});
+    ::chmod((bin / "systemctl").c_str(), 0755);
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PATH"),
+                       QFile::decodeName(bin.c_str()) + ':' + environment.value(QStringLiteral("PATH")));
+    return environment;
+}
+
+TEST_F(ToolTest, ScheduleWritesASystemdTimerThatRunsABackupAndTakesItAway)
+{
+    const fs::path units = home.configHome() / "systemd" / "user";
+    const QProcessEnvironment systemd = withFakeSystemctl(home.path() / "bin", false);
+
+    EXPECT_EQ(tool({"schedule"}, systemd).out, "scheduled backups: off\n");
+    const Finished daily = tool({"schedule", "daily"}, systemd);
+    EXPECT_EQ(daily.status, 0) << daily.err.toStdString();
+    EXPECT_EQ(daily.out, "scheduled backups: daily; next run: Tue 2026-11-24 00:00:00 UTC\n");
+    EXPECT_TRUE(readFile(units / "pelmora-backup.timer").find("\nOnCalendar=daily\nPersistent=true\n") !=
+                std::string::npos);
+    EXPECT_TRUE(readFile(units / "pelmora-backup.service")
+                    .find("ExecStart=\"" + QFile::encodeName(toolPath()).toStdString() +
+                          "\" backup --notify\n") != std::string::npos);
+    EXPECT_EQ(tool({"schedule"}, systemd).out, daily.out);
+    EXPECT_EQ(tool({"schedule", "off"}, systemd).out, "scheduled backups: off\n");
+    EXPECT_FALSE(fs::exists(units / "pelmora-backup.timer"));
+    EXPECT_FALSE(fs::exists(units / "pelmora-backup.service"));
+    EXPECT_EQ(readFile(home.path() / "bin" / "calls"),
+              "--user daemon-reload\n--user enable --now pelmora-backup.timer\n"
+              "--user show pelmora-backup.timer --property=NextElapseUSecRealtime --value\n"
+              "--user show pelmora-backup.timer --property=NextElapseUSecRealtime --value\n"
+              "--user disable --now pelmora-backup.timer\n--user daemon-reload\n");
+
+    // Without a user manager nothing half-made stays.
+    const Finished refused = tool({"schedule", "hourly"}, withFakeSystemctl(home.path() / "failing", true));
+    expectRefusal(refused, "Failed to connect to bus");
+    EXPECT_FALSE(fs::exists(units / "pelmora-backup.timer"));
+    expectRefusal(tool({"schedule", "monthly"}), "unexpected");
+}
+
+// A notification service of the test's own, on a bus of its own.
+class NotificationProbe : public QDBusVirtualObject {
+public:
+    QString introspect(const QString&) const override { return {}; }
+    bool handleMessage(const QDBusMessage& message, const QDBusConnection& connection) override
+    {
+        const QVariantList arguments = message.arguments();
+        if (message.member() == QLatin1String("Notify") && arguments.size() == 8)
+            received << arguments.at(3).toString() + " | " + arguments.at(4).toString();
+        connection.send(message.createReply(QVariantList{QVariant::fromValue(7u)}));
+        return true;
+    }
+    QStringList received;
+};
+
+TEST_F(ToolTest, ATimersBackupThatLeavesItemsOutIsToldAsANotificationOrElseInTheJournal)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty())
+        GTEST_SKIP() << "no dbus-daemon here";
+    writeItems(iCloud(), {"com~apple~CloudDocs/a=a"});
+    makeSocket(iCloud() / "com~apple~CloudDocs" / "agent.sock");
+    QProcess bus;
+    bus.start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address"});
+    ASSERT_TRUE(bus.waitForStarted(5000) && bus.waitForReadyRead(5000));
+    const QString busAddress = QString::fromUtf8(bus.readLine().trimmed());
+    QProcessEnvironment onTheBus = QProcessEnvironment::systemEnvironment();
+    onTheBus.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
+
+    // Nobody answers yet: the journal gets it.
+    const Finished unheard = tool({"backup", "--notify"}, onTheBus);
+    EXPECT_EQ(unheard.status, 1);
+    EXPECT_TRUE(unheard.err.contains(QLatin1String("pelmora: no notification service answered; The scheduled "
+                                                   "backup left items out: 1 items could not be copied")))
+        << unheard.err.toStdString();
+
+    NotificationProbe probe;
+    {
+        QDBusConnection service =
+            QDBusConnection::connectToBus(busAddress, QStringLiteral("pelmora-notifications"));
+        ASSERT_TRUE(service.registerService(QStringLiteral("org.freedesktop.Notifications")));
+        ASSERT_TRUE(service.registerVirtualObject(QStringLiteral("/org/freedesktop/Notifications"), &probe));
+        const Finished heard = tool({"backup", "--notify"}, onTheBus);
+        EXPECT_EQ(heard.status, 1);
+        EXPECT_FALSE(heard.err.contains(QLatin1String("no notification service"))) << heard.err.toStdString();
+        ASSERT_EQ(probe.received.size(), 1);
+        EXPECT_TRUE(probe.received[0].startsWith(
+            QLatin1String("The scheduled backup left items out | 1 items could not be copied into ")));
+        EXPECT_TRUE(tool({"backup"}, onTheBus).status == 1 && probe.received.size() == 1)
+            << "only the timer's runs notify";
+        service.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));
+    }
+    QDBusConnection::disconnectFromBus(QStringLiteral("pelmora-notifications"));
+    bus.terminate();
+    bus.waitForFinished(5000);
 }
 
 TEST_F(ToolTest, ControlCCancelsABackupAndLeavesNoFolder)
