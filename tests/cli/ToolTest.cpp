@@ -1,4 +1,5 @@
 // The command-line tool run as a process in a temporary home, as a user or a timer runs it.
+#include "cli/ProgressPrinter.h"
 #include "platform/UserDefaults.h"
 #include "store/BackupRecord.h"
 #include "store/BackupStore.h"
@@ -327,6 +328,44 @@ TEST_F(ToolTest, ControlCCancelsABackupAndLeavesNoFolder)
         QString::fromUtf8(process.readAllStandardError()).contains(QLatin1String("pelmora: cancelled")));
     EXPECT_TRUE(backupFolders().empty());
     EXPECT_TRUE(records().isEmpty());
+}
+
+} // namespace
+
+namespace {
+
+std::string printed(const std::function<void(ProgressPrinter&)>& steps, bool terminal)
+{
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* stream = ::open_memstream(&text, &size);
+    {
+        ProgressPrinter printer(stream, terminal);
+        steps(printer);
+    }
+    std::fclose(stream);
+    std::string result(text, size);
+    std::free(text);
+    return result;
+}
+
+TEST(ProgressPrinterTest, ABarRedrawnInPlaceOnATerminalAndPlainLinesElsewhereBothEndingOnTheLastFigures)
+{
+    const auto steps = [](ProgressPrinter& printer) {
+        printer.update(1, 4, 1000, 4000);
+        printer.update(2, 4, 2000, 4000); // within the interval: held back, and shown by finish()
+        printer.finish();
+    };
+    const std::string bar = printed(steps, true);
+    EXPECT_TRUE(bar.starts_with("\r[######..................]  25% 1 of 4 files, 1.0 kB of 4.0 kB, ")) << bar;
+    EXPECT_NE(bar.find(" left\x1b[K\r[############............]  50% 2 of 4 files, 2.0 kB of 4.0 kB"),
+              std::string::npos)
+        << bar;
+    EXPECT_TRUE(bar.ends_with("\x1b[K\n")) << bar;
+    const std::string plain = printed(steps, false);
+    EXPECT_TRUE(plain.starts_with("1 of 4 files, 1.0 kB of 4.0 kB")) << plain;
+    EXPECT_NE(plain.find("\n2 of 4 files, 2.0 kB of 4.0 kB"), std::string::npos) << plain;
+    EXPECT_EQ(std::count(plain.begin(), plain.end(), '\r'), 0);
 }
 
 } // namespace
