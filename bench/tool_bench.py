@@ -34,12 +34,14 @@ TARGET_COMPARE = 0.6
 
 
 def fresh_home(tree):
-    home = tempfile.mkdtemp(prefix="tool-home-", dir=common.OUT_DIR)
+    """A home of three path components (a deeper one would count as a sandbox's), with the backups beside
+    the tree, on its file system."""
+    home = tempfile.mkdtemp(prefix="pelmora-tool-home-", dir="/tmp")
     os.makedirs(os.path.join(home, "Library"))
     os.symlink(os.path.abspath(tree), os.path.join(home, "Library", "Mobile Documents"))
-    env = dict(os.environ, HOME=home, XDG_CONFIG_HOME=os.path.join(home, ".config"),
-               XDG_DATA_HOME=os.path.join(home, ".local", "share"))
-    return home, env
+    data = tempfile.mkdtemp(prefix="tool-data-", dir=common.OUT_DIR)
+    env = dict(os.environ, HOME=home, XDG_CONFIG_HOME=os.path.join(home, ".config"), XDG_DATA_HOME=data)
+    return (home, data), env
 
 
 def timed(argv, tree, size, env=None):
@@ -65,7 +67,8 @@ def backup_rounds(tree, size, rounds, settle):
         ratios.append(times["tool"] / times["bench"])
         print("  backup round %d: pelmora backup %.3f s, pelmora-bench copy %.3f s, ratio %.3f"
               % (index + 1, times["tool"], times["bench"], ratios[-1]), flush=True)
-        copy_bench.remove(home)
+        for folder in home:
+            copy_bench.remove(folder)
         copy_bench.remove(copy)
         copy_bench.sync()
         time.sleep(settle)
@@ -95,7 +98,8 @@ def compare_rounds(tree, size, rounds):
         ratios.append(times["tool"] / times["rsync"])
         print("  compare round %d: pelmora compare %.3f s, rsync -an --delete --itemize-changes %.3f s, "
               "ratio %.3f" % (index + 1, times["tool"], times["rsync"], ratios[-1]), flush=True)
-    copy_bench.remove(home)
+    for folder in home:
+        copy_bench.remove(folder)
     return ratios
 
 
