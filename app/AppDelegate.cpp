@@ -249,11 +249,16 @@ void AppDelegate::showBackupInfo()
 
 InspectorWindowController* AppDelegate::inspectorForBackup(const BackupRecordRef& backup)
 {
+    // The iCloud folder as the main window knows it now: a compare goes to the folder it watches.
+    const std::optional<QString>& iCloudFolder = m_mainWindowController->mobileDocumentsDirectory();
     for (const auto& inspector : m_inspectorControllers) {
-        if (inspector->backupInfo() == backup)
+        if (inspector->backupInfo() == backup) {
+            inspector->setMobileDocumentsDirectory(iCloudFolder);
             return inspector.get();
+        }
     }
     auto inspector = std::make_unique<InspectorWindowController>(m_services.fileManager);
+    inspector->setMobileDocumentsDirectory(iCloudFolder);
     // Beside the main window, each new one a little further, rather than wherever the system puts it; but
     // on the main window's screen, even when the main window sits at its edge.
     const int offset = 32 * static_cast<int>(m_inspectorControllers.size() % 8);

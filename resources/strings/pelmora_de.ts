@@ -132,6 +132,10 @@
         <translation>&amp;Jetzt sichern</translation>
     </message>
     <message>
+        <source>btnTitleCompareWithiCloud</source>
+        <translation>Mit iCloud-Ordner &amp;vergleichen …</translation>
+    </message>
+    <message>
         <source>btnTitleDelete</source>
         <translation>&amp;Löschen</translation>
     </message>
@@ -192,12 +196,32 @@
         <translation>Die unten aufgeführten Programme verwenden iCloud. Beenden Sie sie und klicken Sie dann auf „%1“.</translation>
     </message>
     <message>
+        <source>formatStringCompareAdded</source>
+        <translation>Seit der Sicherung hinzugekommen: %1, %2. Eine Wiederherstellung würde sie in den Papierkorb legen.</translation>
+    </message>
+    <message>
+        <source>formatStringCompareChanged</source>
+        <translation>Seit der Sicherung geändert: %1, %2. Eine Wiederherstellung würde die Fassung aus der Sicherung zurücklegen.</translation>
+    </message>
+    <message>
+        <source>formatStringCompareRemoved</source>
+        <translation>Seit der Sicherung entfernt: %1, %2. Eine Wiederherstellung würde sie zurückkopieren.</translation>
+    </message>
+    <message>
+        <source>formatStringCompareWindowTitle</source>
+        <translation>Sicherung vom %1 im Vergleich mit dem iCloud-Ordner</translation>
+    </message>
+    <message>
         <source>formatStringCopyProgress</source>
         <translation>%1 von %2 Dateien · %3 von %4</translation>
     </message>
     <message>
         <source>formatStringItemNotWritten</source>
         <translation>„%1“ konnte nicht geschrieben werden: %2.</translation>
+    </message>
+    <message>
+        <source>formatStringItems</source>
+        <translation>%1 Objekte</translation>
     </message>
     <message>
         <source>formatStringItemsNotCopied</source>
@@ -236,6 +260,22 @@
         <translation>Inhalt der Sicherung</translation>
     </message>
     <message>
+        <source>labelCompareBackupUnreadable</source>
+        <translation>Die Sicherung konnte nicht gelesen werden, daher wurde nichts verglichen.</translation>
+    </message>
+    <message>
+        <source>labelCompareDone</source>
+        <translation>Was eine Wiederherstellung dieser Sicherung jetzt an Ihrem iCloud-Ordner ändern würde:</translation>
+    </message>
+    <message>
+        <source>labelCompareNoDifferences</source>
+        <translation>Ihr iCloud-Ordner enthält dieselben Objekte wie die Sicherung: Eine Wiederherstellung würde nichts ändern.</translation>
+    </message>
+    <message>
+        <source>labelComparing</source>
+        <translation>Die Sicherung wird mit Ihrem iCloud-Ordner verglichen …</translation>
+    </message>
+    <message>
         <source>labelCurrentlyIniCloud</source>
         <translation>Derzeit in iCloud</translation>
     </message>
@@ -246,6 +286,10 @@
     <message>
         <source>labelLastBackupDateNever</source>
         <translation>Nie</translation>
+    </message>
+    <message>
+        <source>labelOneItem</source>
+        <translation>1 Objekt</translation>
     </message>
     <message>
         <source>labelOneItemNotCopied</source>
@@ -286,6 +330,10 @@
     <message>
         <source>tableColumnTitleDate</source>
         <translation>Datum</translation>
+    </message>
+    <message>
+        <source>tableColumnTitleItem</source>
+        <translation>Objekt</translation>
     </message>
     <message>
         <source>tableColumnTitleSize</source>

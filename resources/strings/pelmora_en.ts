@@ -132,6 +132,10 @@
         <translation>&amp;Back Up Now</translation>
     </message>
     <message>
+        <source>btnTitleCompareWithiCloud</source>
+        <translation>&amp;Compare with iCloud Folder…</translation>
+    </message>
+    <message>
         <source>btnTitleDelete</source>
         <translation>&amp;Delete</translation>
     </message>
@@ -192,12 +196,32 @@
         <translation>The applications listed below use iCloud. Quit them, then click “%1”.</translation>
     </message>
     <message>
+        <source>formatStringCompareAdded</source>
+        <translation>Added since the backup: %1, %2. A restore would move them to the Trash.</translation>
+    </message>
+    <message>
+        <source>formatStringCompareChanged</source>
+        <translation>Changed since the backup: %1, %2. A restore would put the backup’s version back.</translation>
+    </message>
+    <message>
+        <source>formatStringCompareRemoved</source>
+        <translation>Removed since the backup: %1, %2. A restore would copy them back.</translation>
+    </message>
+    <message>
+        <source>formatStringCompareWindowTitle</source>
+        <translation>Backup of %1 Compared with the iCloud Folder</translation>
+    </message>
+    <message>
         <source>formatStringCopyProgress</source>
         <translation>%1 of %2 files · %3 of %4</translation>
     </message>
     <message>
         <source>formatStringItemNotWritten</source>
         <translation>“%1” could not be written: %2.</translation>
+    </message>
+    <message>
+        <source>formatStringItems</source>
+        <translation>%1 items</translation>
     </message>
     <message>
         <source>formatStringItemsNotCopied</source>
@@ -236,6 +260,22 @@
         <translation>Backup contents</translation>
     </message>
     <message>
+        <source>labelCompareBackupUnreadable</source>
+        <translation>The backup could not be read, so nothing was compared.</translation>
+    </message>
+    <message>
+        <source>labelCompareDone</source>
+        <translation>What restoring this backup would do to your iCloud folder now:</translation>
+    </message>
+    <message>
+        <source>labelCompareNoDifferences</source>
+        <translation>Your iCloud folder holds the same items as the backup: a restore would change nothing.</translation>
+    </message>
+    <message>
+        <source>labelComparing</source>
+        <translation>Comparing the backup with your iCloud folder…</translation>
+    </message>
+    <message>
         <source>labelCurrentlyIniCloud</source>
         <translation>Currently in iCloud</translation>
     </message>
@@ -246,6 +286,10 @@
     <message>
         <source>labelLastBackupDateNever</source>
         <translation>Never</translation>
+    </message>
+    <message>
+        <source>labelOneItem</source>
+        <translation>1 item</translation>
     </message>
     <message>
         <source>labelOneItemNotCopied</source>
@@ -286,6 +330,10 @@
     <message>
         <source>tableColumnTitleDate</source>
         <translation>Date</translation>
+    </message>
+    <message>
+        <source>tableColumnTitleItem</source>
+        <translation>Item</translation>
     </message>
     <message>
         <source>tableColumnTitleSize</source>

@@ -1,5 +1,6 @@
 #include "InspectorWindowController.h"
 
+#include "CompareWindowController.h"
 #include "engine/BackupSpace.h"
 #include "engine/NotCopiedList.h"
 #include "Helpers/DirectoryUtility.h"
@@ -90,8 +91,10 @@ void InspectorWindowController::windowDidLoad()
     connect(m_ui->backupContentTable, &QTableWidget::cellDoubleClicked, this,
             [this] { showAppContainerInFinder(); });
     connect(m_ui->showInFinderBtn, &QPushButton::clicked, this, [this] { showInFinder(); });
+    connect(m_ui->compareBtn, &QPushButton::clicked, this, [this] { compareWithiCloudFolder(); });
     setWindowTitle(localized("windowTitleBackupInfo"));
     m_ui->showInFinderBtn->setText(localized("titleShowInFinder"));
+    m_ui->compareBtn->setText(localized("btnTitleCompareWithiCloud"));
     m_ui->backupContentLabel->setText(localized("labelBackupContent"));
     m_ui->backupContentTable->setHorizontalHeaderLabels(
         {localized("tableColumnTitleApplication"), localized("tableColumnTitleSize")});
@@ -102,6 +105,9 @@ void InspectorWindowController::windowDidLoad()
 // Measures every container on this thread, each time: simple, and the window shows what is on disk now.
 void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
 {
+    // A comparison of another backup has no place beside this one.
+    if (m_compareWindow && backup != m_backupInfo)
+        m_compareWindow->close();
     m_backupInfo = backup;
     if (!backup)
         return;
@@ -123,6 +129,8 @@ void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
     else
         stopMeasuringSpace();
     m_ui->backupSpaceLabel->setVisible(folderStatus && S_ISDIR(folderStatus->st_mode));
+    m_backupFolderFound = folderStatus && S_ISDIR(folderStatus->st_mode);
+    updateCompareBtn();
     m_appContainers.clear();
     const std::uint32_t filesTotal =
         folderStatus && S_ISDIR(folderStatus->st_mode) ? findContainers(folder) : 0;
@@ -131,6 +139,30 @@ void InspectorWindowController::showBackupInfo(const BackupRecordRef& backup)
         localized("formatStringBackupContent")
             .arg(QString::number(static_cast<quint64>(m_appContainers.size())), QString::number(filesTotal)));
     showNotCopiedItems(folder);
+}
+
+void InspectorWindowController::setMobileDocumentsDirectory(const std::optional<QString>& folder)
+{
+    m_mobileDocumentsDirectory = folder;
+    updateCompareBtn();
+}
+
+void InspectorWindowController::updateCompareBtn()
+{
+    m_ui->compareBtn->setEnabled(m_backupFolderFound && m_mobileDocumentsDirectory &&
+                                 !m_mobileDocumentsDirectory->isEmpty());
+}
+
+// Nothing is read here: the window opens at once and the compare, the not-copied list included, runs on
+// the pool.
+void InspectorWindowController::compareWithiCloudFolder()
+{
+    if (!m_ui->compareBtn->isEnabled() || !m_backupInfo || !m_backupInfo->backupFolder())
+        return;
+    if (!m_compareWindow)
+        m_compareWindow = new CompareWindowController(this);
+    m_compareWindow->compare(*m_mobileDocumentsDirectory, *m_backupInfo->backupFolder(),
+                             m_ui->backupDateLabel->text());
 }
 
 void InspectorWindowController::measureSpace(const QString& folder)
@@ -267,6 +299,14 @@ QLabel* InspectorWindowController::backupSpaceLabel() const
 QPushButton* InspectorWindowController::showInFinderBtn() const
 {
     return m_ui->showInFinderBtn;
+}
+QPushButton* InspectorWindowController::compareBtn() const
+{
+    return m_ui->compareBtn;
+}
+CompareWindowController* InspectorWindowController::compareWindow() const
+{
+    return m_compareWindow;
 }
 QTableWidget* InspectorWindowController::backupContentTable() const
 {
