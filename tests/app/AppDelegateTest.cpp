@@ -214,6 +214,7 @@ TEST_F(AppDelegateTest, OneInspectorPerBackupListingItsContainersForgottenWhenIt
     EXPECT_EQ(first->backupContentDescriptionLabel()->text(), text("formatStringBackupContent").arg("3", "4"))
         << "three containers, four files";
     EXPECT_TRUE(first->showInFinderBtn()->isEnabled());
+    EXPECT_TRUE(first->compareBtn()->isEnabled()) << "the info window knows the iCloud folder";
     first->showInFinder();
     EXPECT_EQ(fileManager.selected, QStringList({*controller->backups().at(0)->backupFolder()}));
     first->showAppContainerInFinder();
@@ -227,6 +228,7 @@ TEST_F(AppDelegateTest, OneInspectorPerBackupListingItsContainersForgottenWhenIt
     InspectorWindowController* second = delegate.inspectorControllers().back().get();
     EXPECT_EQ(second->backupSizeLabel()->text(), text("alertBackupNotFoundMessage"));
     EXPECT_FALSE(second->showInFinderBtn()->isEnabled());
+    EXPECT_FALSE(second->compareBtn()->isEnabled());
     EXPECT_EQ(second->backupContentTable()->rowCount(), 0);
     EXPECT_EQ(second->backupContentDescriptionLabel()->text(),
               text("formatStringBackupContent").arg("0", "0"));

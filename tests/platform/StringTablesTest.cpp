@@ -108,11 +108,11 @@ TEST(StringTablesTest, TheButtonsOfEachWindowHaveAnAccessKeyOfTheirOwnInEveryLan
     const QList<QStringList> windows = {
         {"btnTitleDelete", "titleShowInFinder", "btnTitleRestore", "btnTitleBackUp"}, // the main window
         {"contextMenuItemTitleGetInfo", "titleShowInFinder", "btnTitleRestore",
-         "btnTitleDelete"},                     // a row's menu
-        {"button_cancel", "btnTitleBackUpNow"}, // the apps-to-quit window, before a backup
-        {"button_cancel", "btnTitleRestore"},   // and before a restore
-        {"titleShowInFinder"},                  // the info window
-        {"button_cancel"}};                     // the progress window
+         "btnTitleDelete"},                                 // a row's menu
+        {"button_cancel", "btnTitleBackUpNow"},             // the apps-to-quit window, before a backup
+        {"button_cancel", "btnTitleRestore"},               // and before a restore
+        {"titleShowInFinder", "btnTitleCompareWithiCloud"}, // the info window
+        {"button_cancel"}};                                 // the progress window
     for (const char* language : {"en", "de"}) {
         QTranslator table;
         ASSERT_TRUE(table.load(QStringLiteral("pelmora_%1").arg(language), ":/i18n"));
