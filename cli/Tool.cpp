@@ -195,18 +195,33 @@ void Tool::printItems(const char* heading, const std::vector<FsError>& items) co
                  qPrintable(CopyOperation::describeItems(items)));
 }
 
+// The iCloud folder, once this run may change it or the backups: nobody else writes, and no application
+// that uses the folder runs (unless the user said to go on anyway).
+std::optional<QString> Tool::iCloudFolderToWrite(const ToolArguments& arguments, QString& why) const
+{
+    const std::optional<QString> iCloud = iCloudFolder(why);
+    if (!iCloud || !mayWrite(why))
+        return std::nullopt;
+    if (const QString apps = appsInTheWay(*iCloud); !apps.isEmpty() && !arguments.ignoreRunningApps) {
+        why = QStringLiteral("quit the applications that use the iCloud folder first (%1), or pass "
+                             "--ignore-running-apps")
+                  .arg(apps);
+        return std::nullopt;
+    }
+    return iCloud;
+}
+
+int Tool::refuseUnknownBackup(const QString& word)
+{
+    return refuse(QStringLiteral("no backup named \"%1\"; `pelmora list` shows them").arg(word));
+}
+
 int Tool::backUp(const ToolArguments& arguments)
 {
     QString why;
-    const std::optional<QString> iCloud = iCloudFolder(why);
+    const std::optional<QString> iCloud = iCloudFolderToWrite(arguments, why);
     if (!iCloud)
         return refuse(why);
-    if (!mayWrite(why))
-        return refuse(why);
-    if (const QString apps = appsInTheWay(*iCloud); !apps.isEmpty() && !arguments.ignoreRunningApps)
-        return refuse(QStringLiteral("quit the applications that use the iCloud folder first (%1), or pass "
-                                     "--ignore-running-apps")
-                          .arg(apps));
     const QDateTime start = m_services.now ? m_services.now() : QDateTime::currentDateTime();
     BackupOperation run(bytesOf(*iCloud), start, BackupRoot::folderPath(start));
     if (const BackupRecordRef previous = m_backups.last(); previous && previous->backupFolder())
@@ -283,20 +298,13 @@ void Tool::keepNewest(int count)
 
 int Tool::restore(const ToolArguments& arguments)
 {
-    QString why;
-    const std::optional<QString> iCloud = iCloudFolder(why);
-    if (!iCloud)
-        return refuse(why);
     const std::optional<qsizetype> index = find(arguments.backup);
     if (!index)
-        return refuse(
-            QStringLiteral("no backup named \"%1\"; `pelmora list` shows them").arg(arguments.backup));
-    if (!mayWrite(why))
+        return refuseUnknownBackup(arguments.backup);
+    QString why;
+    const std::optional<QString> iCloud = iCloudFolderToWrite(arguments, why);
+    if (!iCloud)
         return refuse(why);
-    if (const QString apps = appsInTheWay(*iCloud); !apps.isEmpty() && !arguments.ignoreRunningApps)
-        return refuse(QStringLiteral("quit the applications that use the iCloud folder first (%1), or pass "
-                                     "--ignore-running-apps")
-                          .arg(apps));
     const QString folder = m_backups.at(*index)->backupFolder().value_or(QString());
     struct stat st {};
     if (folder.isEmpty() || ::stat(bytesOf(folder).c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
@@ -334,8 +342,7 @@ int Tool::remove(const ToolArguments& arguments)
 {
     const std::optional<qsizetype> index = find(arguments.backup);
     if (!index)
-        return refuse(
-            QStringLiteral("no backup named \"%1\"; `pelmora list` shows them").arg(arguments.backup));
+        return refuseUnknownBackup(arguments.backup);
     QString why;
     if (!mayWrite(why))
         return refuse(why);
@@ -362,8 +369,7 @@ int Tool::compare(const ToolArguments& arguments)
         return refuse(why);
     const std::optional<qsizetype> index = find(arguments.backup);
     if (!index)
-        return refuse(
-            QStringLiteral("no backup named \"%1\"; `pelmora list` shows them").arg(arguments.backup));
+        return refuseUnknownBackup(arguments.backup);
     const std::filesystem::path folder = bytesOf(m_backups.at(*index)->backupFolder().value_or(QString()));
     std::vector<std::filesystem::path> neverPrune;
     for (const FsError& item : NotCopiedList::read(folder))

@@ -67,6 +67,8 @@ private:
 
     int refuse(const QString& line);
     std::optional<QString> iCloudFolder(QString& why) const;
+    std::optional<QString> iCloudFolderToWrite(const ToolArguments& arguments, QString& why) const;
+    int refuseUnknownBackup(const QString& word);
     // The record a BACKUP word names; its index in the list.
     std::optional<qsizetype> find(const QString& word) const;
     bool mayWrite(QString& why) const;

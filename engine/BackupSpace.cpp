@@ -1,5 +1,6 @@
 #include "BackupSpace.h"
 
+#include "engine/FileIdentity.h"
 #include "Helpers/DirectoryWalker.h"
 
 #include <fcntl.h>
@@ -12,19 +13,6 @@ struct SharedFile {
     std::uint64_t bytes = 0;
     nlink_t names = 0;
     nlink_t namesHere = 0;
-};
-
-struct FileKey {
-    dev_t device;
-    ino_t inode;
-    bool operator==(const FileKey&) const = default;
-};
-
-struct FileKeyHash {
-    std::size_t operator()(const FileKey& key) const noexcept
-    {
-        return std::hash<ino_t>()(key.inode) ^ (std::hash<dev_t>()(key.device) << 1);
-    }
 };
 
 std::uint64_t allocatedBytes(const struct stat& status)
@@ -44,7 +32,7 @@ BackupSpace BackupSpace::measure(const std::filesystem::path& backupFolder, cons
     }
     space.onItsOwn = space.freedByDeleting = allocatedBytes(root);
     // Files with one name are settled at once; only those with several wait for the end of the walk.
-    std::unordered_map<FileKey, SharedFile, FileKeyHash> shared;
+    std::unordered_map<FileIdentity, SharedFile, FileIdentity::Hash> shared;
     const bool walked = DirectoryWalker::walk(
         backupFolder,
         [&](const WalkEntry& entry) {
@@ -60,7 +48,7 @@ BackupSpace BackupSpace::measure(const std::filesystem::path& backupFolder, cons
                 space.freedByDeleting += allocatedBytes(status);
                 return WalkAction::Continue;
             }
-            SharedFile& file = shared[FileKey{status.st_dev, status.st_ino}];
+            SharedFile& file = shared[FileIdentity::of(status)];
             file.bytes = allocatedBytes(status);
             file.names = status.st_nlink;
             ++file.namesHere;

@@ -425,12 +425,12 @@ private:
         if (::fstatat(level.sourceFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0)
             return FsError{"fstatat", name, errno};
         if (!S_ISREG(status.st_mode))
-            return m_itemCopier.copyItem(level.sourceFd, name, level.destinationFd, name);
+            return m_itemCopier.copyItem(level.sourceFd, name, status, level.destinationFd, name);
         if (status.st_nlink > 1 && m_hardLinks.linkToEarlierCopy(status, level.destinationFd, name))
             return std::nullopt;
         if (!sharedWithPrevious(level, name, status)) {
             if (std::optional<FsError> failure =
-                    m_itemCopier.copyItem(level.sourceFd, name, level.destinationFd, name))
+                    m_itemCopier.copyItem(level.sourceFd, name, status, level.destinationFd, name))
                 return failure;
         }
         if (status.st_nlink > 1)

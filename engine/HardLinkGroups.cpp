@@ -11,7 +11,7 @@ HardLinkGroups::HardLinkGroups(std::filesystem::path destinationRoot)
 
 bool HardLinkGroups::linkToEarlierCopy(const struct stat& source, int destinationParentFd, const char* name)
 {
-    const auto found = m_copies.find(Key{source.st_dev, source.st_ino});
+    const auto found = m_copies.find(FileIdentity::of(source));
     if (found == m_copies.end())
         return false;
     Copy& copy = found->second;
@@ -40,6 +40,6 @@ void HardLinkGroups::remember(const struct stat& source, int destinationParentFd
     struct stat copy {};
     if (::fstatat(destinationParentFd, name, &copy, AT_SYMLINK_NOFOLLOW) != 0)
         return;
-    m_copies.emplace(Key{source.st_dev, source.st_ino},
+    m_copies.emplace(FileIdentity::of(source),
                      Copy{std::move(relativePath), copy.st_ino, source.st_nlink - 1});
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/FileIdentity.h"
+
 #include <cstddef>
 #include <filesystem>
 #include <string>
@@ -30,17 +32,6 @@ public:
                   std::string relativePath);
 
 private:
-    struct Key {
-        dev_t device;
-        ino_t inode;
-        bool operator==(const Key&) const = default;
-    };
-    struct KeyHash {
-        std::size_t operator()(const Key& key) const noexcept
-        {
-            return std::hash<ino_t>()(key.inode) ^ (std::hash<dev_t>()(key.device) << 1);
-        }
-    };
     struct Copy {
         std::string relativePath;
         ino_t inode;
@@ -48,5 +39,5 @@ private:
     };
 
     std::filesystem::path m_destinationRoot;
-    std::unordered_map<Key, Copy, KeyHash> m_copies;
+    std::unordered_map<FileIdentity, Copy, FileIdentity::Hash> m_copies;
 };

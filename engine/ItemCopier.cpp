@@ -128,6 +128,13 @@ std::optional<FsError> ItemCopier::copyItem(int sourceParentFd, const char* sour
     struct stat status {};
     if (::fstatat(sourceParentFd, sourceName, &status, AT_SYMLINK_NOFOLLOW) != 0)
         return FsError{"fstatat", sourceName, errno};
+    return copyItem(sourceParentFd, sourceName, status, destinationParentFd, destinationName);
+}
+
+std::optional<FsError> ItemCopier::copyItem(int sourceParentFd, const char* sourceName,
+                                            const struct stat& status, int destinationParentFd,
+                                            const char* destinationName)
+{
     switch (status.st_mode & S_IFMT) {
     case S_IFREG:
         return copyRegularFile(sourceParentFd, sourceName, destinationParentFd, destinationName);

@@ -38,6 +38,11 @@ public:
 
     [[nodiscard]] std::optional<FsError> copyItem(int sourceParentFd, const char* sourceName,
                                                   int destinationParentFd, const char* destinationName);
+    // The same, for a caller that has just looked the source up itself (without following a link): the
+    // item is not looked up twice.
+    [[nodiscard]] std::optional<FsError> copyItem(int sourceParentFd, const char* sourceName,
+                                                  const struct stat& status, int destinationParentFd,
+                                                  const char* destinationName);
 
     // For a folder the caller created itself: its extended attributes, permission bits and times, taken
     // from the source folder (`sourceFd` may be -1 when the source folder could not be opened; its

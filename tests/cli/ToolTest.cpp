@@ -20,26 +20,13 @@
 #include <QStandardPaths>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
 
 namespace {
-
-// A socket cannot be copied, whoever runs the copy.
-void makeSocket(const fs::path& path)
-{
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ::close(fd);
-}
 
 struct Finished {
     int status = -1;

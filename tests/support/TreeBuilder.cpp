@@ -1,12 +1,15 @@
 #include "TreeBuilder.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
 #include <stdexcept>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,6 +74,18 @@ void makeSymlink(const std::string& target, const std::filesystem::path& link)
 {
     std::filesystem::create_directories(link.parent_path());
     check(::symlink(target.c_str(), link.c_str()) == 0, "symlink " + link.string());
+}
+
+void makeSocket(const std::filesystem::path& path)
+{
+    std::filesystem::create_directories(path.parent_path());
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+    const bool bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ::close(fd);
+    check(bound, "bind " + path.string());
 }
 
 std::string readFile(const std::filesystem::path& file)

@@ -16,6 +16,8 @@ void writeFile(const std::filesystem::path& file, std::string_view content);
 void writeFileOfSize(const std::filesystem::path& file, std::size_t size);
 void makeFolder(const std::filesystem::path& folder);
 void makeSymlink(const std::string& target, const std::filesystem::path& link);
+// A socket bound at `path` and left there: an item no copy can take.
+void makeSocket(const std::filesystem::path& path);
 std::string readFile(const std::filesystem::path& file);
 
 // Sets the item's own times (a link's, not its target's); the access time stays unless one is given.

@@ -17,8 +17,6 @@
 #include <QTimer>
 #include <QWindow>
 #include <sys/mount.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -34,17 +32,6 @@ protected:
         writeFileOfSize(iCloud() / "com~apple~CloudDocs" / ".DS_Store", 6148);
         writeFileOfSize(iCloud() / "iCloud~com~example~Notes" / "Documents" / "note.txt", 300);
         makeSymlink("report.pages", iCloud() / "com~apple~CloudDocs" / "link");
-    }
-    // A socket cannot be copied, whoever runs the copy.
-    static void makeSocket(const fs::path& path)
-    {
-        makeFolder(path.parent_path());
-        const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-        ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-        ::close(fd);
     }
     // A small tmpfs at `folder`, unmounted with the test's end.
     bool mountSmallVolume(const fs::path& folder, const char* size)
