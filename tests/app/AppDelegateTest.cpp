@@ -55,15 +55,6 @@ protected:
         delegate.applicationDidFinishLaunching();
         controller = delegate.mainWindowController();
     }
-    // Which of Back Up, Restore, Get Info, Show in Finder, Delete and About are enabled: "+" or "-" each.
-    QString enabledCommands() const
-    {
-        QString flags;
-        for (Command command : {Command::CreateBackup, Command::RestoreBackup, Command::ShowBackupInfo,
-                                Command::ShowInFinder, Command::DeleteBackup, Command::About})
-            flags += delegate.validateMenuItem(delegate.mainMenu()->action(command)) ? '+' : '-';
-        return flags;
-    }
     void select(int row) { controller->backupsTable()->selectRow(row); }
     QAction* action(Command command) const { return delegate.mainMenu()->action(command); }
     void pressControlAnd(Qt::Key key) { QTest::keyClick(controller, key, Qt::ControlModifier); }
@@ -80,26 +71,6 @@ protected:
     QDateTime clock = QDateTime::currentDateTime();
     MainWindowController* controller = nullptr;
 };
-
-TEST_F(AppDelegateTest, ValidationFollowsTheSelectionAndTheRunningOperationWithItsAsymmetries)
-{
-    makeBackups(1);
-    launch();
-    controller->backupsTable()->clearSelection();
-    EXPECT_EQ(enabledCommands(), "+----+") << "without a selection only Back Up";
-    select(0);
-    EXPECT_EQ(enabledCommands(), "++++++");
-    controller->setICloudBackingUp(true);
-    EXPECT_EQ(enabledCommands(), "+-++++");
-    controller->setICloudBackingUp(false);
-    controller->setICloudBeingRestored(true);
-    EXPECT_EQ(enabledCommands(), "--++-+");
-
-    controller->setICloudBeingRestored(false);
-    controller->deleteBackup();
-    ASSERT_TRUE(controller->backups().isEmpty());
-    EXPECT_EQ(enabledCommands(), "+----+") << "without backups only Back Up";
-}
 
 // The item shows the reverse of "Don't ask again", read afresh each time the File menu opens.
 TEST_F(AppDelegateTest, AskBeforeDeletingBackupsFollowsDontAskAgainAndTurnsTheQuestionBackOn)

@@ -59,7 +59,7 @@ TEST(GraphicalSessionTest, WithoutADisplayTheProgramSaysSoInOneLineAndFails)
     }
 }
 
-TEST(CommandLineTest, HelpAndVersionAnswerWithoutADisplay)
+TEST(CommandLineTest, HelpAnswersWithoutADisplay)
 {
     for (const char* help : {"--help", "-h"}) {
         const Finished finished = runProgram({help}, withoutADisplay());
@@ -69,9 +69,6 @@ TEST(CommandLineTest, HelpAndVersionAnswerWithoutADisplay)
             << finished.output.toStdString();
         EXPECT_TRUE(finished.errors.isEmpty()) << finished.errors.toStdString();
     }
-    for (const char* version : {"--version", "-v"})
-        EXPECT_EQ(runProgram({version}, withoutADisplay()).output,
-                  QStringLiteral("Pelmora " PELMORA_VERSION "\n"));
 }
 
 TEST(CommandLineTest, AnUnknownOptionOrAStrayArgumentIsNamedInOneLineWithStatusTwo)

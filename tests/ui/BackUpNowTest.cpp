@@ -48,12 +48,6 @@ protected:
         for (const fs::path& folder : mounted)
             ::umount2(folder.c_str(), MNT_DETACH);
     }
-    // Stops each copy after its first file until the test releases it.
-    void holdCopiesAfterTheFirstFile()
-    {
-        copier =
-            copierPausingAfterFirstFile([this](const std::atomic<bool>*) { release.get_future().wait(); });
-    }
     Items backupRootEntries() const
     {
         return fs::exists(home.dataHome() / "Pelmora") ? contents(home.dataHome() / "Pelmora") : Items{};
@@ -70,7 +64,6 @@ protected:
     }
 
     std::vector<fs::path> mounted;
-    std::promise<void> release;
 
     // Whether a backup is under way, and what the window shows of it.
     static void expectIdle(MainWindowController& controller)
@@ -173,6 +166,14 @@ TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRem
     ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
     EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCopyingDataFromiCloud"));
     EXPECT_GT(controller->copyingTotalProgressIndicator()->value(), 0);
+    EXPECT_EQ(controller->copyCountsLabel()->text(),
+              text("formatStringCopyProgress")
+                  .arg("1", "23",
+                       ByteCountFormatter::stringFromByteCount(controller->currentSizeOfCopiedItems()),
+                       ByteCountFormatter::stringFromByteCount(1712)));
+    const BackupOperation* run = controller->backUpRun();
+    controller->backUpNow();
+    EXPECT_EQ(controller->backUpRun(), run) << "a second Back Up while one runs does nothing";
     const QString folder = controller->iCloudBackupDirectory();
     EXPECT_TRUE(QFileInfo(folder).isDir());
     controller->cancelCopying();
@@ -281,99 +282,6 @@ TEST_F(BackUpNowTest, TooLittleRoomForTheBackupRootRefusesAndAFullDiskDuringTheC
     EXPECT_EQ(controller->backups().count(), 0);
     EXPECT_TRUE(storedFolders().isEmpty());
     expectIdle(*controller);
-}
-
-TEST_F(BackUpNowTest, ABackupFolderThatCannotBeMadeIsSaidWithItsReasonAndTheWindowComesBackToRest)
-{
-    makeiCloudFolder();
-    writeFile(home.dataHome() / "Pelmora", "a file where the backup root belongs");
-    auto controller = openWindow();
-
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        ASSERT_TRUE(backUp(*controller));
-        ASSERT_EQ(alerts.shown.size(), attempt + 1);
-        const Alert& alert = alerts.shown.last();
-        EXPECT_EQ(alert.messageText, text("alertBackupNotMadeMessage"));
-        EXPECT_EQ(
-            alert.informativeText,
-            text("formatStringItemNotWritten").arg(controller->iCloudBackupDirectory(), "Not a directory"));
-        expectIdle(*controller);
-        EXPECT_TRUE(controller->restoreFromBackupBtn()->isEnabled() || controller->backups().isEmpty());
-    }
-    EXPECT_EQ(readFile(home.dataHome() / "Pelmora"), "a file where the backup root belongs");
-    EXPECT_EQ(controller->backups().count(), 0);
-}
-
-TEST_F(BackUpNowTest, OneRunAtATimeAndTheProgressWindowCancelsInsteadOfHiding)
-{
-    makeiCloudFolder();
-    holdCopiesAfterTheFirstFile();
-    auto controller = openWindow();
-    QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
-    controller->backUpNow();
-    ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
-    EXPECT_EQ(controller->copyCountsLabel()->text(),
-              text("formatStringCopyProgress")
-                  .arg("1", "3", ByteCountFormatter::stringFromByteCount(1200),
-                       ByteCountFormatter::stringFromByteCount(1512)));
-    const BackupOperation* run = controller->backUpRun();
-
-    controller->backUpNow();
-    EXPECT_EQ(controller->backUpRun(), run) << "a second Back Up while one runs does nothing";
-
-    QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
-    QCoreApplication::sendEvent(controller->operationProgressWindow(), &escape);
-    EXPECT_TRUE(controller->operationProgressWindow()->isVisible()) << "not hidden while the copy runs";
-    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled());
-    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCanceling"));
-    release.set_value();
-    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() == 1; }));
-    EXPECT_TRUE(backupRootEntries().empty());
-    expectIdle(*controller);
-
-    release = std::promise<void>();
-    controller->backUpNow();
-    ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
-    EXPECT_FALSE(controller->operationProgressWindow()->close()) << "the close button cancels instead";
-    EXPECT_TRUE(controller->operationProgressWindow()->isVisible());
-    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled());
-    release.set_value();
-    ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() == 2; }));
-    EXPECT_TRUE(backupRootEntries().empty());
-    EXPECT_EQ(controller->backups().count(), 0);
-    expectIdle(*controller);
-}
-
-TEST_F(BackUpNowTest, UnwritablePreferencesAreSaidOnceTheListStaysAndTheNextWriteSavesItWhole)
-{
-    makeiCloudFolder();
-    int second = 0;
-    clock = [&] { return QDateTime::currentDateTime().addSecs(++second * 2); };
-    auto controller = openWindow();
-    const fs::path preferences = QFile::encodeName(defaults.filePath()).toStdString();
-    fs::remove(preferences);
-    makeFolder(preferences);
-
-    ASSERT_TRUE(backUp(*controller));
-    ASSERT_TRUE(backUp(*controller));
-    ASSERT_TRUE(runEventLoopUntil([&] { return !alerts.shown.isEmpty(); }));
-    EXPECT_EQ(alerts.messages(), QStringList({text("alertPreferencesNotSavedMessage")}))
-        << "once per session";
-    EXPECT_TRUE(alerts.shown[0].informativeText.startsWith(
-        text("formatStringItemNotWritten").arg(defaults.filePath(), "Is a directory")));
-    ASSERT_EQ(controller->backups().count(), 2) << "the list in memory stays right";
-    EXPECT_EQ(controller->backupsTable()->model()->rowCount(), 2);
-    for (const BackupRecordRef& record : controller->backups().records())
-        EXPECT_TRUE(fs::exists(UnfinishedMark::pathFor(folderOf(record))))
-            << "not on disk yet, so still marked";
-
-    fs::remove(preferences);
-    ASSERT_TRUE(backUp(*controller));
-    const QStringList saved = storedFolders();
-    ASSERT_EQ(saved.size(), 3) << "the whole list, once the file can be written";
-    for (const BackupRecordRef& record : controller->backups().records())
-        EXPECT_FALSE(fs::exists(UnfinishedMark::pathFor(folderOf(record))));
-    EXPECT_EQ(alerts.shown.size(), 1);
 }
 
 TEST_F(BackUpNowTest, AtLaunchAMarkedFolderThatNoRecordNamesIsRemovedAndARecordedOneOnlyLosesItsMark)
