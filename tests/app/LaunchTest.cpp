@@ -225,6 +225,8 @@ TEST_F(LaunchTest, SandboxedFirstLaunchWithTheWrongFolderEndsEarly)
     EXPECT_FALSE(delegate.isObservingWindowClose());
     EXPECT_EQ(menuTitle(1), "File") << "the menu stays untranslated in this launch";
     EXPECT_TRUE(streams.calls.isEmpty());
+    EXPECT_FALSE(iCloudPrefs::isFirstLaunch(defaults)) << "not asked again";
+    EXPECT_FALSE(defaults.dataForKey(iCloudPrefs::kHomeDirBookmarkDataKey).has_value());
 }
 
 TEST_F(LaunchTest, SandboxedFirstLaunchCancelledStillSubscribesAndTranslates)

@@ -65,17 +65,6 @@ TEST_F(HomeFolderAcquisitionTest, FirstSandboxedLaunchWithTheRealHomeStoresABook
     EXPECT_FALSE(afterRemoval.endLaunchEarly);
 }
 
-TEST_F(HomeFolderAcquisitionTest, FirstSandboxedLaunchWithAnotherFolderEndsTheLaunchEarly)
-{
-    chooser.answer = QString::fromStdString(home.path().string());
-    const HomeFolderOutcome outcome = run(true);
-
-    EXPECT_FALSE(outcome.homeDirectory.has_value());
-    EXPECT_TRUE(outcome.endLaunchEarly);
-    EXPECT_FALSE(iCloudPrefs::isFirstLaunch(defaults));
-    EXPECT_FALSE(storedObject().contains("HomeDirBookmarkData"));
-}
-
 TEST_F(HomeFolderAcquisitionTest, FirstSandboxedLaunchCancelledIsNotAskedAgainAndABadBookmarkGivesNoHome)
 {
     const HomeFolderOutcome outcome = run(true);
