@@ -143,11 +143,6 @@ QString UserDefaults::standardFilePath()
     return configRoot + QLatin1Char('/') + name + QLatin1Char('/') + name + QStringLiteral(".json");
 }
 
-QString UserDefaults::filePath() const
-{
-    return m_filePath;
-}
-
 void UserDefaults::open()
 {
     // Without the folder the store still works for this session: each write then says it failed, and

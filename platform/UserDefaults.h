@@ -31,7 +31,6 @@ public:
     // $XDG_CONFIG_HOME/Pelmora/Pelmora.json (~/.config when the variable is unset).
     static QString standardFilePath();
 
-    QString filePath() const;
     // Set when the file found at start-up could not be read; it was moved to this path.
     QString setAsideFilePath() const { return m_setAsideFilePath; }
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """What the test suites cover of the program, and what each test covers that no other does.
 
-Runs every CTest entry of a coverage build (all but the end-to-end run) with counters of its own
+Runs every CTest entry of a coverage build (the end-to-end run's program included) with counters of its own
 (GCOV_PREFIX), reads them with gcov, and prints the program's lines and branches covered, per folder.
 With --alone it also lists, per test, how many lines and branches no other test reaches: a test that
 reaches nothing alone checks only what others reach too, which makes it a candidate for folding, never
@@ -32,7 +32,7 @@ PROGRAM = tuple(os.path.join(SOURCE, folder) + "/" for folder in FOLDERS)
 def ctest_entries(build, pattern):
     listing = json.loads(subprocess.check_output(["ctest", "--show-only=json-v1"], cwd=build))
     for test in listing["tests"]:
-        if test["name"].startswith("EndToEnd") or (pattern and not re.search(pattern, test["name"])):
+        if pattern and not re.search(pattern, test["name"]):
             continue
         properties = {p["name"]: p["value"] for p in test.get("properties", [])}
         yield (test["name"], test["command"], properties.get("WORKING_DIRECTORY", build),
