@@ -10,6 +10,7 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QSignalSpy>
+#include <sys/mount.h>
 
 // The main window on its own, with a quick check of the apps to quit.
 class MainWindowFixture : public TestWorld {
@@ -48,8 +49,26 @@ protected:
         controller.backUpNow();
         return runEventLoopUntil([&] { return finished.count() > 0; }, 20000);
     }
+    // A small tmpfs over `folder`, hiding what it held until the test's end unmounts it.
+    bool mountSmallVolume(const std::filesystem::path& folder, const char* size)
+    {
+        TreeBuilder::makeFolder(folder);
+        const std::string options = std::string("size=") + size;
+        if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, options.c_str()) != 0)
+            return false;
+        m_mounted.push_back(folder);
+        return true;
+    }
+    void TearDown() override
+    {
+        for (const std::filesystem::path& folder : m_mounted)
+            ::umount2(folder.c_str(), MNT_DETACH);
+    }
 
     std::optional<QString> homeDirectory = QString::fromStdString(home.path().string());
     MainWindowController::Services::CopierFunction copier = {};
     std::function<QDateTime()> clock = {};
+
+private:
+    std::vector<std::filesystem::path> m_mounted;
 };

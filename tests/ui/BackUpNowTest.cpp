@@ -16,7 +16,6 @@
 #include <QTableWidget>
 #include <QTimer>
 #include <QWindow>
-#include <sys/mount.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -33,21 +32,6 @@ protected:
         writeFileOfSize(iCloud() / "iCloud~com~example~Notes" / "Documents" / "note.txt", 300);
         makeSymlink("report.pages", iCloud() / "com~apple~CloudDocs" / "link");
     }
-    // A small tmpfs at `folder`, unmounted with the test's end.
-    bool mountSmallVolume(const fs::path& folder, const char* size)
-    {
-        makeFolder(folder);
-        const std::string options = std::string("size=") + size;
-        if (::mount("tmpfs", folder.c_str(), "tmpfs", 0, options.c_str()) != 0)
-            return false;
-        mounted.push_back(folder);
-        return true;
-    }
-    void TearDown() override
-    {
-        for (const fs::path& folder : mounted)
-            ::umount2(folder.c_str(), MNT_DETACH);
-    }
     Items backupRootEntries() const
     {
         return fs::exists(home.dataHome() / "Pelmora") ? contents(home.dataHome() / "Pelmora") : Items{};
@@ -62,8 +46,6 @@ protected:
         std::sort(names.begin(), names.end());
         return names;
     }
-
-    std::vector<fs::path> mounted;
 
     // Whether a backup is under way, and what the window shows of it.
     static void expectIdle(MainWindowController& controller)
@@ -257,25 +239,18 @@ TEST_F(BackUpNowTest, ItemsThatCannotBeCopiedAreListedBesideTheRecordedBackupSai
     EXPECT_FALSE(fs::exists(NotCopiedList::pathFor(folderOf(controller->backups().last()))));
 }
 
-TEST_F(BackUpNowTest, TooLittleRoomForTheBackupRootRefusesAndAFullDiskDuringTheCopyLeavesNothing)
+// The backup root on a volume of 1 MiB: 600 KiB are counted, but 300 files of 2 KiB take a block of 4 KiB
+// each, so the volume fills during the copy.
+TEST_F(BackUpNowTest, AFullDiskDuringTheCopyStopsItWithTheSpaceAlertAndLeavesNothing)
 {
     if (!mountSmallVolume(home.dataHome() / "Pelmora", "1m"))
         GTEST_SKIP() << "cannot mount a small tmpfs here";
-    writeFileOfSize(iCloud() / "com~apple~CloudDocs" / "big.bin", 1200 * 1024);
+    for (int i = 0; i < 300; ++i)
+        writeFileOfSize(iCloud() / "com~apple~CloudDocs" / ("f" + std::to_string(i)), 2048);
     auto controller = openWindow();
 
     ASSERT_TRUE(backUp(*controller));
     EXPECT_EQ(alerts.messages(), QStringList({text("alertNotEnoughDiskSpaceWarningMessage")}));
-    EXPECT_EQ(alerts.shown[0].informativeText, text("alertNotEnoughDiskSpaceToBackUpInfo"));
-    EXPECT_TRUE(backupRootEntries().empty());
-
-    // 600 KiB counted, but 300 files of 2 KiB take a block of 4 KiB each: the volume fills during the copy.
-    fs::remove(iCloud() / "com~apple~CloudDocs" / "big.bin");
-    for (int i = 0; i < 300; ++i)
-        writeFileOfSize(iCloud() / "com~apple~CloudDocs" / ("f" + std::to_string(i)), 2048);
-    ASSERT_TRUE(backUp(*controller));
-    ASSERT_EQ(alerts.shown.size(), 2);
-    EXPECT_EQ(alerts.shown[1].messageText, text("alertNotEnoughDiskSpaceWarningMessage"));
     EXPECT_GT(controller->currentCountOfCopiedItems(), 0) << "stopped during the copy";
     EXPECT_LT(controller->currentCountOfCopiedItems(), 300);
     EXPECT_TRUE(backupRootEntries().empty()) << "neither folder nor mark nor list is left";
@@ -334,7 +309,6 @@ TEST_F(QuitAppsTest, ABackupWaitsForTheAppsThatUseiCloudAndGoesOnWhenTheyQuit)
     EXPECT_EQ(request->backUpNowOrRestoreBtn()->text(), text("btnTitleBackUpNow"));
     EXPECT_EQ(request->infoLabel()->text(), text("formatStringCloseApps").arg("Back Up Now"))
         << "no access key";
-    EXPECT_EQ(QuitAppsRequestWindowController::tagOf(request->backUpNowOrRestoreBtn()), 0);
     ASSERT_EQ(request->appsToQuitTable()->rowCount(), 2) << "listed once per container it uses";
     EXPECT_EQ(request->appsToQuitTable()->item(0, 0)->text(), "Notes");
     const QSet<QWidget*> reached = reachedByTab(request);

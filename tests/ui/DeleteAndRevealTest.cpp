@@ -2,7 +2,6 @@
 #include "support/MainWindowFixture.h"
 
 #include <cerrno>
-#include <sys/mount.h>
 
 namespace fs = std::filesystem;
 using namespace TreeBuilder;
@@ -87,15 +86,13 @@ TEST_F(DeleteAndRevealTest, OnlyABackupFolderOfTheRootIsRemovedAndOneLeftPartlyK
 
     // A volume mounted inside the backup cannot be removed with it.
     const fs::path partly = folderOf(1);
-    makeFolder(partly / "mounted");
-    if (::mount("tmpfs", (partly / "mounted").c_str(), "tmpfs", 0, "size=1m") != 0)
+    if (!mountSmallVolume(partly / "mounted", "1m"))
         GTEST_SKIP() << "cannot mount a small tmpfs here";
     writeFile(partly / "mounted" / "inside.txt", "x");
     controller->backupsTable()->selectRow(1);
     alerts.shown.clear();
     const QString partlyFolder = *controller->backups().at(1)->backupFolder();
     controller->deleteBackup();
-    ::umount2((partly / "mounted").c_str(), MNT_DETACH);
     ASSERT_EQ(alerts.shown.size(), 2);
     EXPECT_EQ(alerts.shown[1].messageText, text("alertBackupNotRemovedMessage"));
     EXPECT_TRUE(alerts.shown[1].informativeText.contains(partlyFolder))
