@@ -150,28 +150,4 @@ TEST_F(UserDefaultsTest, AWriteThatCannotReachTheDiskIsToldWithItsCauseAndTheNex
     }
 }
 
-TEST_F(UserDefaultsTest, AFolderTheUserMayNotWriteToIsNamedAsTheCause)
-{
-    // The child gives up root, for which permission bits do not count; the folder is closed to its
-    // owner too, so the test also holds when run without root.
-    const fs::path folder = fs::path(file().toStdString()).parent_path();
-    fs::create_directories(folder);
-    fs::permissions(home.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                                     fs::perms::others_read | fs::perms::others_exec);
-    fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec | fs::perms::group_read |
-                                fs::perms::group_exec | fs::perms::others_read | fs::perms::others_exec);
-    const QString path = file();
-    const std::optional<std::string> answer = TreeBuilder::runUnprivileged([&path] {
-        UserDefaults defaults(path);
-        const bool written = defaults.setBoolForKey(true, "Flag");
-        const bool removed = defaults.removeObjectForKey("Other");
-        return std::to_string(written) + std::to_string(removed) +
-               std::to_string(defaults.boolForKey("Flag")) + '\n' +
-               (defaults.lastWriteFailure() ? defaults.lastWriteFailure()->reason.toStdString() : "");
-    });
-    ASSERT_TRUE(answer.has_value());
-    EXPECT_EQ(*answer, "001\n" + qt_error_string(EACCES).toStdString())
-        << "both writes fail, the value is kept, and the cause is given";
-}
-
 } // namespace
