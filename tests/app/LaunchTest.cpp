@@ -152,7 +152,7 @@ TEST_F(ProgramLaunchTest, AHolderOfTheLockThatDoesNotAnswerStopsASecondProgram)
     const Finished second = runProgram({}, environment("tmp-a", true));
     ::close(holder);
     EXPECT_EQ(second.exitCode, SingleInstance::kAlreadyRunningExitCode);
-    expectOneLineSaying(second.errors, {"already running"});
+    expectOneLineSaying(second.errors, {"already running", QString::fromStdString(lockFile().string())});
     EXPECT_FALSE(std::filesystem::exists(home.configHome() / "Pelmora" / "Pelmora.json"));
 }
 

@@ -8,14 +8,12 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <future>
 #include <gtest/gtest.h>
 #include <QFileInfo>
 #include <QSignalSpy>
 #include <string>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -182,23 +180,6 @@ TEST_F(SingleInstanceTest, TheLockLiesBesideThePreferencesUnderANameOfItsOwn)
     EXPECT_EQ(QFileInfo(lock).path(), QFileInfo(preferences).path());
     EXPECT_NE(lock, preferences + ".lock");
     EXPECT_NE(lock, preferences);
-}
-
-TEST_F(SingleInstanceTest, AHolderThatDoesNotAnswerRefusesTheSecondStartUntilItEnds)
-{
-    SingleInstance(places()).claim(); // makes the lock file's folder
-    const int holder = ::open(lockFile().toLocal8Bit().constData(), O_RDWR | O_CLOEXEC);
-    ASSERT_EQ(::flock(holder, LOCK_EX | LOCK_NB), 0);
-
-    SingleInstance second(places());
-    second.setHandOverPatience(0);
-    EXPECT_EQ(second.claim(), Claim::AlreadyRunning);
-    EXPECT_FALSE(second.isAnswering());
-    EXPECT_TRUE(second.alreadyRunningMessage().contains(lockFile()));
-    EXPECT_FALSE(second.alreadyRunningMessage().contains(QLatin1Char('\n')));
-
-    ::close(holder);
-    EXPECT_EQ(SingleInstance(places()).claim(), Claim::Launch);
 }
 
 TEST_F(SingleInstanceTest, TheLockAndTheSocketGoWithTheProgramAndAStaleSocketIsReplaced)
