@@ -1,20 +1,10 @@
 #include "store/BackupRoot.h"
 
 #include "support/QtPrinters.h"
-#include "support/TestHome.h"
 
 #include <gtest/gtest.h>
-#include <QDir>
 
 namespace {
-
-TEST(BackupRootTest, IsTheBundleNameInsideTheUsersDataFolderAndAppearsWithTheFirstBackup)
-{
-    TestHome home;
-    EXPECT_EQ(BackupRoot::path(), QString::fromStdString((home.dataHome() / "Pelmora").string()));
-    EXPECT_TRUE(QDir(QString::fromStdString(home.dataHome().string())).exists());
-    EXPECT_FALSE(QDir(BackupRoot::path()).exists());
-}
 
 TEST(BackupRootTest, FolderNamesAreTheLocalStartTimeToTheSecondInTheLocalesDigits)
 {
