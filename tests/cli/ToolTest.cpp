@@ -4,6 +4,7 @@
 #include "store/BackupRecord.h"
 #include "store/BackupStore.h"
 #include "support/EventLoop.h"
+#include "support/PrivateSessionBus.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
 
@@ -17,7 +18,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QStandardPaths>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -258,14 +258,13 @@ public:
 
 TEST_F(ToolTest, ATimersBackupThatLeavesItemsOutIsToldAsANotificationOrElseInTheJournal)
 {
-    if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty())
+    if (!PrivateSessionBus::available())
         GTEST_SKIP() << "no dbus-daemon here";
     writeItems(iCloud(), {"com~apple~CloudDocs/a=a"});
     makeSocket(iCloud() / "com~apple~CloudDocs" / "agent.sock");
-    QProcess bus;
-    bus.start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address"});
-    ASSERT_TRUE(bus.waitForStarted(5000) && bus.waitForReadyRead(5000));
-    const QString busAddress = QString::fromUtf8(bus.readLine().trimmed());
+    const PrivateSessionBus bus;
+    const QString busAddress = bus.address();
+    ASSERT_FALSE(busAddress.isEmpty());
     QProcessEnvironment onTheBus = QProcessEnvironment::systemEnvironment();
     onTheBus.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), busAddress);
 
@@ -293,8 +292,6 @@ TEST_F(ToolTest, ATimersBackupThatLeavesItemsOutIsToldAsANotificationOrElseInThe
         service.unregisterObject(QStringLiteral("/org/freedesktop/Notifications"));
     }
     QDBusConnection::disconnectFromBus(QStringLiteral("pelmora-notifications"));
-    bus.terminate();
-    bus.waitForFinished(5000);
 }
 
 TEST_F(ToolTest, ControlCCancelsABackupAndLeavesNoFolder)

@@ -25,22 +25,6 @@ bool isHiddenPath(const fs::path& relative)
                        [](const fs::path& c) { return c.native().starts_with('.'); });
 }
 
-// The original place a .trashinfo names, unescaped.
-fs::path originalPathIn(const fs::path& info)
-{
-    const std::string text = readFile(info);
-    std::string path;
-    for (std::size_t i = text.find("Path=") + 5; i < text.size() && text[i] != '\n'; ++i) {
-        if (text[i] == '%') {
-            path += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            path += text[i];
-        }
-    }
-    return path;
-}
-
 class RestoreRoundTripTest : public ::testing::Test {
 protected:
     fs::path live() const { return home.path() / "Mobile Documents"; }
@@ -177,7 +161,7 @@ TEST_F(RestoreRoundTripTest, RestoredFolderMatchesTheBackupExceptHiddenAdditions
     const fs::path trashFolder = home.dataHome() / "Trash";
     std::map<std::string, std::string> trashed;
     for (const fs::directory_entry& info : fs::directory_iterator(trashFolder / "info")) {
-        const fs::path original = originalPathIn(info.path()).lexically_relative(live());
+        const fs::path original = fs::path(trashedOriginal(info.path())).lexically_relative(live());
         const fs::path item = trashFolder / "files" / info.path().stem();
         trashed[original.native()] = describe(item);
         if (fs::is_directory(fs::symlink_status(item))) {

@@ -20,31 +20,12 @@ using namespace TreeBuilder;
 
 namespace {
 
-// The Path= value of a .trashinfo, unescaped, or "" when the file does not have the expected form.
-std::string originalPathIn(const std::string& info)
-{
-    const std::string start = "[Trash Info]\nPath=";
-    const std::size_t end = info.find("\nDeletionDate=");
-    if (!info.starts_with(start) || end == std::string::npos)
-        return {};
-    std::string path;
-    for (std::size_t i = start.size(); i < end; ++i) {
-        if (info[i] == '%' && i + 2 < end) {
-            path += static_cast<char>(std::stoi(info.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            path += info[i];
-        }
-    }
-    return path;
-}
-
 // The original path each .trashinfo of the folder names, by the .trashinfo's name.
 std::map<std::string, std::string> originalsIn(const fs::path& info)
 {
     std::map<std::string, std::string> originals;
     for (const fs::directory_entry& entry : fs::directory_iterator(info))
-        originals[entry.path().filename().native()] = originalPathIn(readFile(entry.path()));
+        originals[entry.path().filename().native()] = trashedOriginal(entry.path());
     return originals;
 }
 
@@ -153,14 +134,14 @@ TEST_F(TrashTest, AnotherVolumeUsesATrashInItsTopDirectory)
     const fs::path own = volume / (".Trash-" + uid);
     EXPECT_EQ(fs::symlink_status(own).permissions(), fs::perms(0700));
     EXPECT_EQ(contents(own / "files"), (Items{"a.txt=a"}));
-    EXPECT_EQ(originalPathIn(readFile(own / "info" / "a.txt.trashinfo")), "docs/a.txt");
+    EXPECT_EQ(trashedOriginal(own / "info" / "a.txt.trashinfo"), "docs/a.txt");
     EXPECT_FALSE(fs::exists(home.dataHome() / "Trash"));
 
     ::chmod((volume / ".Trash").c_str(), 01777);
     Trash shared(home.dataHome());
     EXPECT_EQ(moveToTrash(shared, volume / "docs" / "b.txt"), 0);
     EXPECT_EQ(contents(volume / ".Trash" / uid / "files"), (Items{"b.txt=b"}));
-    EXPECT_EQ(originalPathIn(readFile(volume / ".Trash" / uid / "info" / "b.txt.trashinfo")), "docs/b.txt");
+    EXPECT_EQ(trashedOriginal(volume / ".Trash" / uid / "info" / "b.txt.trashinfo"), "docs/b.txt");
 
     removeTree(volume / ".Trash");
     ::chmod(own.c_str(), 0755);

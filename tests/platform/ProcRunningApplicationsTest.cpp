@@ -1,6 +1,7 @@
 #include "platform/ProcRunningApplications.h"
 
 #include "support/EventLoop.h"
+#include "support/PrivateSessionBus.h"
 #include "support/QtPrinters.h"
 #include "support/TestHome.h"
 #include "support/TreeBuilder.h"
@@ -12,9 +13,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
-#include <QProcess>
 #include <QScopeGuard>
-#include <QStandardPaths>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -265,17 +264,14 @@ public:
 
 TEST_F(ProcRunningApplicationsTest, ApplicationOnTheBusIsAskedToActivate)
 {
-    if (QStandardPaths::findExecutable(QStringLiteral("dbus-daemon")).isEmpty())
+    if (!PrivateSessionBus::available())
         GTEST_SKIP() << "no dbus-daemon here";
-    // A session bus of the test's own, so that nothing on the developer's desktop is asked to come forward.
-    QProcess bus;
+    const PrivateSessionBus bus;
     const auto disconnect = qScopeGuard([] {
         QDBusConnection::disconnectFromBus(QStringLiteral("pelmora-test-application"));
         QDBusConnection::disconnectFromBus(QStringLiteral("pelmora-test-caller"));
     });
-    bus.start(QStringLiteral("dbus-daemon"), {"--session", "--nofork", "--print-address"});
-    ASSERT_TRUE(bus.waitForStarted(5000) && bus.waitForReadyRead(5000));
-    const QString address = QString::fromUtf8(bus.readLine().trimmed());
+    const QString address = bus.address();
     ASSERT_FALSE(address.isEmpty());
     ActivationProbe probe;
     QDBusConnection application =
@@ -294,8 +290,6 @@ TEST_F(ProcRunningApplicationsTest, ApplicationOnTheBusIsAskedToActivate)
     ASSERT_TRUE(runEventLoopUntil([&] { return !probe.received.isEmpty(); }));
     EXPECT_EQ(probe.received, QStringList{"org.freedesktop.Application.Activate /org/example/Pelmora_Probe"});
     application.unregisterObject(QStringLiteral("/org/example/Pelmora_Probe"));
-    bus.terminate();
-    bus.waitForFinished(5000);
 }
 
 TEST(ProcRunningApplicationsOnThisSystemTest, ReadsTheRealProcessTableWithoutIdentifyingThisTest)

@@ -200,6 +200,24 @@ void removeTree(const std::filesystem::path& path)
     ::rmdir(path.c_str());
 }
 
+std::string trashedOriginal(const std::filesystem::path& trashInfo)
+{
+    const std::string info = readFile(trashInfo), start = "[Trash Info]\nPath=";
+    const std::size_t end = info.find("\nDeletionDate=");
+    if (!info.starts_with(start) || end == std::string::npos)
+        return {};
+    std::string path;
+    for (std::size_t i = start.size(); i < end; ++i) {
+        if (info[i] == '%' && i + 2 < end) {
+            path += static_cast<char>(std::stoi(info.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            path += info[i];
+        }
+    }
+    return path;
+}
+
 std::optional<std::string> runUnprivileged(const std::function<std::string()>& work)
 {
     int fds[2];

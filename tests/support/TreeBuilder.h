@@ -49,6 +49,10 @@ int makeDeepChain(const std::filesystem::path& base, const char* name, int depth
 // Removes a tree of any depth, making unreadable folders readable first. Missing trees are fine.
 void removeTree(const std::filesystem::path& path);
 
+// The original place a .trashinfo file names, unescaped; "" unless the file starts with the Trash Info
+// header and a Path line and has a DeletionDate line.
+std::string trashedOriginal(const std::filesystem::path& trashInfo);
+
 // Runs `work` in a child process that has dropped to an unprivileged user (when started as root), so
 // that permission bits apply; returns what the child returned, or nothing when it could not run.
 std::optional<std::string> runUnprivileged(const std::function<std::string()>& work);
