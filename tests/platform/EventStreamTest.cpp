@@ -117,6 +117,12 @@ void stayQuiet()
     runEventLoopUntil([] { return false; }, kQuietMs);
 }
 
+void expectContainsAll(const QString& text, const QStringList& parts)
+{
+    for (const QString& part : parts)
+        EXPECT_TRUE(text.contains(part)) << "no \"" << part.toStdString() << "\" in " << text.toStdString();
+}
+
 // The changes of a step, made when it runs.
 std::function<void()> writes(const fs::path& file)
 {
@@ -304,10 +310,12 @@ TYPED_TEST(EventStreamTest, FollowsTheRootThroughWhateverHappensAtItsPath)
     };
     TreeBuilder::writeFile(replacement / "Inner" / "Deeper" / "old.txt", "old");
     ASSERT_TRUE(this->startStream(TypeParam::make({qtPath(root)}, this->m_recorder.callback())));
+    expectContainsAll(this->m_stream->copyDescription(), {"running", "\"" + qtPath(root) + "\" is missing"});
     for (const auto& step : steps) {
         SCOPED_TRACE(step.name);
         this->step(step.change, step.folders, step.flags);
     }
+    EXPECT_FALSE(this->m_stream->copyDescription().contains("missing"));
 }
 
 // What was queued or held back is not delivered once stop() has returned or the stream is gone.
@@ -453,7 +461,12 @@ TEST_F(InotifyEventStreamTest, PollsTheFoldersBeyondTheWatchLimit)
     WatchLog log;
     ASSERT_TRUE(startStream(
         InotifyBackend::make({qtPath(m_root), qtPath(later)}, m_recorder.callback(), 0.05, {3, 50ms})));
+    expectContainsAll(m_stream->copyDescription(),
+                      {"3 folders watched", "3 folders not watched by inotify but polled every 50 ms",
+                       qtPath(m_root) + "/", "watch limit",
+                       qtPath(later) + "\" is missing, looked for every 50 ms"});
     ASSERT_EQ(log.lines.size(), 1);
+    expectContainsAll(log.lines.front(), {"3 folders are polled every 50 ms"});
 
     std::set<fs::path> expected{m_root};
     const auto writeEverywhere = [&](const char* name) {
@@ -473,6 +486,7 @@ TEST_F(InotifyEventStreamTest, PollsTheFoldersBeyondTheWatchLimit)
     };
     step(writeLater("first.txt"), {later}, EventStreamFlags::kRootChanged);
     step(writeLater("second.txt"), {later});
+    expectContainsAll(m_stream->copyDescription(), {"9 folders not watched by inotify but polled"});
     EXPECT_EQ(log.lines.size(), 1);
 }
 
