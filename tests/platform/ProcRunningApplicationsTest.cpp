@@ -14,7 +14,6 @@
 #include <QFileInfo>
 #include <QImage>
 #include <QScopeGuard>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -198,24 +197,6 @@ TEST_F(ProcRunningApplicationsTest, EachProcessIsIdentifiedOnlyByWhatTheSystemRe
     ASSERT_EQ(running.runningApplicationWithProcessIdentifier(100)->localizedName, "Drawing");
     fs::remove(desktopFile(applications(), "org.example.Draw"));
     EXPECT_EQ(running.runningApplicationWithProcessIdentifier(100)->localizedName, "Drawing");
-}
-
-TEST_F(ProcRunningApplicationsTest, ProcessWhoseEnvironmentCannotBeReadIsPassedOver)
-{
-    const uid_t childUid = ::geteuid() == 0 ? 65534 : ::getuid();
-    addProcess({.pid = 400, .uid = childUid});
-    addProcess({.pid = 401, .uid = childUid});
-    ::chmod((proc() / "400" / "environ").c_str(), 0);
-    for (fs::path p = home.path(); p != home.path().parent_path(); p = p.parent_path())
-        ::chmod(p.c_str(), 0755);
-
-    ProcRunningApplications::Sources fromChild = sources();
-    fromChild.uid = childUid;
-    const std::optional<std::string> answer =
-        runUnprivileged([&] { return listing(ProcRunningApplications(fromChild)); });
-    if (!answer)
-        GTEST_SKIP() << "cannot run a child as an unprivileged user here";
-    EXPECT_EQ(*answer, "401 - app /usr/bin/app\n");
 }
 
 TEST_F(ProcRunningApplicationsTest, OneEntryPerInstanceWithHelpersFoundByProcessIdentifierAndNoStrays)
