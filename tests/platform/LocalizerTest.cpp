@@ -112,9 +112,8 @@ TEST_F(LocalizerTest, ButtonTitlesComeFromTheProgramsTablesAndQtsOwnTextsFollowT
     EXPECT_EQ(getInfo.toString(QKeySequence::NativeText), "Strg+I") << "Qt's own texts follow ours";
 
     Localizer::setResources({.userLanguages = {"en"}});
-    EXPECT_EQ(Localizer::plainTitle(Localizer::cancelButtonTitle()), "Cancel");
-    EXPECT_EQ(Localizer::plainTitle("Save && &Quit"), "Save & Quit");
     EXPECT_EQ(getInfo.toString(QKeySequence::NativeText), "Ctrl+I") << "dropped with the German table";
+    EXPECT_EQ(Localizer::plainTitle("Save && &Quit"), "Save & Quit");
 }
 
 } // namespace
