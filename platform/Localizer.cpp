@@ -195,16 +195,6 @@ QString Localizer::noButtonTitle()
     return localizedStringForKey(QStringLiteral("button_no"));
 }
 
-QString Localizer::openButtonTitle()
-{
-    return localizedStringForKey(QStringLiteral("button_open"));
-}
-
-QString Localizer::dontShowAgainButtonTitle()
-{
-    return localizedStringForKey(QStringLiteral("button_dont_show"));
-}
-
 QString Localizer::dontAskAgainButtonTitle()
 {
     return localizedStringForKey(QStringLiteral("button_dont_ask"));

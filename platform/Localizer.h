@@ -51,8 +51,6 @@ public:
     static QString cancelButtonTitle();
     static QString yesButtonTitle();
     static QString noButtonTitle();
-    static QString openButtonTitle();
-    static QString dontShowAgainButtonTitle();
     static QString dontAskAgainButtonTitle();
 
     // A button or menu title as running text: without its access-key marker ("&Restore" reads "Restore",

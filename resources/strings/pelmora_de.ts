@@ -152,20 +152,12 @@
         <translation>Nicht mehr fragen</translation>
     </message>
     <message>
-        <source>button_dont_show</source>
-        <translation>Nicht mehr anzeigen</translation>
-    </message>
-    <message>
         <source>button_no</source>
         <translation>Nein</translation>
     </message>
     <message>
         <source>button_ok</source>
         <translation>OK</translation>
-    </message>
-    <message>
-        <source>button_open</source>
-        <translation>Öffnen</translation>
     </message>
     <message>
         <source>button_yes</source>

@@ -152,20 +152,12 @@
         <translation>Don't ask again</translation>
     </message>
     <message>
-        <source>button_dont_show</source>
-        <translation>Don't show again</translation>
-    </message>
-    <message>
         <source>button_no</source>
         <translation>No</translation>
     </message>
     <message>
         <source>button_ok</source>
         <translation>OK</translation>
-    </message>
-    <message>
-        <source>button_open</source>
-        <translation>Open</translation>
     </message>
     <message>
         <source>button_yes</source>
