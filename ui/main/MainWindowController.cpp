@@ -429,7 +429,7 @@ void MainWindowController::backUpNow()
         return;
     }
     if (!QFileInfo(iCloudFolder.filePath() + QStringLiteral("/com~apple~CloudDocs")).isDir()) {
-        runiCloudDriveRequiredAlert();
+        m_alerts->runiCloudDriveRequiredAlert();
         return;
     }
     setICloudBackingUp(true);
@@ -447,7 +447,7 @@ bool MainWindowController::askForHomeDirectory()
     const std::optional<QString> chosen = m_services.folderChooser.chooseFolder(localized("openPanelTitle"));
     const std::optional<std::string> realHome = m_services.passwords.realHomeDirectory();
     if (!chosen || !realHome || *chosen != QFile::decodeName(realHome->c_str())) {
-        runBadHomeDirectoryAlert();
+        m_alerts->runBadHomeDirectoryAlert();
         return false;
     }
     m_services.setHomeDirectory(*chosen);
@@ -666,7 +666,7 @@ void MainWindowController::restoreFromBackup()
                             "btnTitleRestore");
         return;
     }
-    if (runRestoreConfirmationDlg() != AlertResponse::kFirstButton) {
+    if (m_alerts->runRestoreConfirmationDlg() != AlertResponse::kFirstButton) {
         setICloudBeingRestored(false);
         return;
     }
@@ -677,13 +677,13 @@ bool MainWindowController::checkRestorePreconditions(QString& backupFolder)
 {
     const int row = selectedRow();
     if (row == -1) {
-        runNoBackupSelectedAlert();
+        m_alerts->runNoBackupSelectedAlert();
         return false;
     }
     const BackupRecordRef record = row < m_backups.count() ? m_backups.at(row) : nullptr;
     backupFolder = record ? record->backupFolder().value_or(QString()) : QString();
     if (backupFolder.isEmpty() || !QFileInfo(backupFolder).isDir()) {
-        runBackupNotFoundAlert();
+        m_alerts->runBackupNotFoundAlert();
         return false;
     }
     if (!m_mobileDocumentsDirectory || !QFileInfo(*m_mobileDocumentsDirectory).isDir()) {
@@ -691,7 +691,7 @@ bool MainWindowController::checkRestorePreconditions(QString& backupFolder)
         return false;
     }
     if (!QFileInfo(*m_mobileDocumentsDirectory + QStringLiteral("/com~apple~CloudDocs")).isDir()) {
-        runiCloudDriveRequiredAlert();
+        m_alerts->runiCloudDriveRequiredAlert();
         return false;
     }
     return true;
@@ -723,7 +723,7 @@ void MainWindowController::finishRestore()
     m_operationProgressWindow->hide();
     setCopyButtonsEnabled(true);
     if (run.ending() == RestoreOperation::Ending::BackupUnreadable)
-        runBackupNotFoundAlert();
+        m_alerts->runBackupNotFoundAlert();
     else if (run.ending() == RestoreOperation::Ending::NotEnoughSpace)
         runNotEnoughDiskSpaceAlert(); // no backup runs, so it names the restore
     else if (!run.didEverything())
@@ -769,7 +769,7 @@ void MainWindowController::deleteBackup()
     if (row == -1)
         return;
     const bool confirmed = !iCloudPrefs::dontAskAgainRemoveBackup(m_services.defaults) &&
-                           runRemoveBackupConfirmationDlg() == AlertResponse::kFirstButton;
+                           m_alerts->runRemoveBackupConfirmationDlg() == AlertResponse::kFirstButton;
     // Read again on purpose: No with "don't ask again" ticked stored YES, and so removes the backup.
     if (!confirmed && !iCloudPrefs::dontAskAgainRemoveBackup(m_services.defaults))
         return;
@@ -787,7 +787,7 @@ bool MainWindowController::removeBackupFolder(const QString& folder)
 {
     const BackupRemoval::Outcome removal = BackupRemoval::removeFolder(folder);
     if (removal.result == BackupRemoval::Result::NotABackupFolder)
-        runBackupNotFoundAlert();
+        m_alerts->runBackupNotFoundAlert();
     else if (removal.result == BackupRemoval::Result::PartlyLeft)
         m_alerts->runBackupNotRemovedAlert(QFile::decodeName(removal.failure.path.c_str()),
                                            QString::fromLocal8Bit(std::strerror(removal.failure.code)));
@@ -804,7 +804,7 @@ void MainWindowController::showInFinder()
     if (!folder.isEmpty() && ::lstat(QFile::encodeName(folder).constData(), &st) == 0)
         m_services.fileManager.selectFile(folder);
     else
-        runBackupNotFoundAlert();
+        m_alerts->runBackupNotFoundAlert();
 }
 
 void MainWindowController::cancelCopying()
@@ -834,26 +834,6 @@ void MainWindowController::stopForQuit()
     }
 }
 
-int MainWindowController::runRemoveBackupConfirmationDlg()
-{
-    return m_alerts->runRemoveBackupConfirmationDlg();
-}
-
-int MainWindowController::runRestoreConfirmationDlg()
-{
-    return m_alerts->runRestoreConfirmationDlg();
-}
-
-void MainWindowController::runBadHomeDirectoryAlert()
-{
-    m_alerts->runBadHomeDirectoryAlert();
-}
-
-void MainWindowController::runNoBackupSelectedAlert()
-{
-    m_alerts->runNoBackupSelectedAlert();
-}
-
 void MainWindowController::runNotAvailableiCloudAlert()
 {
     m_alerts->runNotAvailableiCloudAlert(isYosemiteRunning());
@@ -862,16 +842,6 @@ void MainWindowController::runNotAvailableiCloudAlert()
 void MainWindowController::runNotEnoughDiskSpaceAlert()
 {
     m_alerts->runNotEnoughDiskSpaceAlert(m_iCloudBackingUp);
-}
-
-void MainWindowController::runBackupNotFoundAlert()
-{
-    m_alerts->runBackupNotFoundAlert();
-}
-
-void MainWindowController::runiCloudDriveRequiredAlert()
-{
-    m_alerts->runiCloudDriveRequiredAlert();
 }
 
 void MainWindowController::runItemsNotCopiedAlert(const std::vector<FsError>& items)
@@ -934,17 +904,9 @@ void MainWindowController::closeEvent(QCloseEvent* event)
     QMainWindow::closeEvent(event);
 }
 
-QLabel* MainWindowController::labelCurrentlyIniCloud() const
-{
-    return m_ui->labelCurrentlyIniCloud;
-}
 QLabel* MainWindowController::labeliCloudSize() const
 {
     return m_ui->labeliCloudSize;
-}
-QLabel* MainWindowController::allYourBackupsLabel() const
-{
-    return m_ui->allYourBackupsLabel;
 }
 QLabel* MainWindowController::lastBackupInfoLabel() const
 {

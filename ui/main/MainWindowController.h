@@ -81,7 +81,6 @@ public:
 
     // Shows the window, setting it up the first time.
     void showWindow();
-    bool isWindowLoaded() const { return m_windowLoaded; }
 
     // Stops every walk and copy for good, the quit guard's way: a backup folder that the run under way made
     // and no record names is removed once the copier has left it (waiting at most kQuitWait).
@@ -91,9 +90,7 @@ public:
     void setICloudBackingUp(bool running);
     bool isiCloudBeingRestored() const { return m_iCloudBeingRestored; }
     void setICloudBeingRestored(bool running);
-    bool isCanceled() const { return m_lastRun && m_lastRun->isCanceled(); }
     bool isCalculatingiCloudSizeInProgress() const { return m_calculatingiCloudSize; }
-    void setCalculatingiCloudSize(bool calculating) { m_calculatingiCloudSize = calculating; }
 
     const std::optional<QString>& mobileDocumentsDirectory() const { return m_mobileDocumentsDirectory; }
     void setMobileDocumentsDirectory(const std::optional<QString>& path);
@@ -138,20 +135,6 @@ public:
     // The Cancel button: the running count or copy stops at its next file; nothing waits for it here.
     void cancelCopying();
 
-    int runRemoveBackupConfirmationDlg();
-    int runRestoreConfirmationDlg();
-    void runBadHomeDirectoryAlert();
-    void runNoBackupSelectedAlert();
-    void runNotAvailableiCloudAlert();
-    void runNotEnoughDiskSpaceAlert();
-    void runBackupNotFoundAlert();
-    void runiCloudDriveRequiredAlert();
-    void runItemsNotCopiedAlert(const std::vector<FsError>& items);
-    void runBackupNotMadeAlert(const BackupOperation& run);
-
-    // A failed write of the preferences: said once per session; the list in memory stays as it is.
-    void preferencesWriteFailed(const QString& file, const QString& reason);
-
     // Table data source.
     int numberOfRowsInTableView() const;
     QVariant objectValueForTableColumn(const QString& identifier, int row) const;
@@ -162,19 +145,13 @@ public:
     void pathWatcherEventOccurred(SCEvents* pathWatcher, const std::shared_ptr<SCEvent>& event) override;
 
     int calculateCountOfRunningAppsThatUseiCloud() const;
-    void setLastBackupInfo();
     void setiCloudSize();
-    static bool isYosemiteRunning(double libraryVersion = kUserInterfaceLibraryVersion);
 
     // The application delegate opens info windows: the table's double click and Get Info go there.
     void setShowBackupInfoHandler(std::function<void()> handler) { m_showBackupInfo = std::move(handler); }
-    void performAction(Action action);
-    static Action actionOf(const QAction* item);
 
     // Outlets, for the operations of the controller and for tests.
-    QLabel* labelCurrentlyIniCloud() const;
     QLabel* labeliCloudSize() const;
-    QLabel* allYourBackupsLabel() const;
     QLabel* lastBackupInfoLabel() const;
     QLabel* tableViewPlaceholderLabel() const { return m_tableViewPlaceholderLabel; }
     CustomTableView* backupsTable() const;
@@ -204,6 +181,16 @@ protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
+    void performAction(Action action);
+    static Action actionOf(const QAction* item);
+    void setLastBackupInfo();
+    static bool isYosemiteRunning(double libraryVersion = kUserInterfaceLibraryVersion);
+    void runNotAvailableiCloudAlert();
+    void runNotEnoughDiskSpaceAlert();
+    void runItemsNotCopiedAlert(const std::vector<FsError>& items);
+    void runBackupNotMadeAlert(const BackupOperation& run);
+    // A failed write of the preferences: said once per session; the list in memory stays as it is.
+    void preferencesWriteFailed(const QString& file, const QString& reason);
     void windowDidLoad();
     void restoreWindowFrame();
     void saveWindowFrame();
