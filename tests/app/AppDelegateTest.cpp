@@ -230,7 +230,8 @@ TEST_F(AppDelegateTest, QuittingAsksOnlyDuringAnOperationAndOnlyWhenSomebodyCanA
     controller->setICloudBeingRestored(true);
     EXPECT_TRUE(delegate.applicationShouldTerminate(false));
     EXPECT_TRUE(alerts.shown.isEmpty());
-    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled()) << "cancelled, as Cancel would";
+    EXPECT_FALSE(controller->operationProgressWindow()->cancelCopyingBtn()->isEnabled())
+        << "cancelled, as Cancel would";
 
     alerts.answers = {AlertResponse{1000, false}};
     EXPECT_TRUE(delegate.applicationShouldTerminate());

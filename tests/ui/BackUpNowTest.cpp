@@ -121,14 +121,15 @@ TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRem
     copier = copierPausingAfterFirstFile([pressed](const std::atomic<bool>*) { pressed.wait(); });
     auto controller = openWindow();
     QSignalSpy finished(controller.get(), &MainWindowController::backUpFinished);
+    const OperationProgressWindow* progress = controller->operationProgressWindow();
     controller->backUpNow();
-    ASSERT_TRUE(controller->operationProgressWindow()->isVisible());
-    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationPreparingToCopyItems"));
+    ASSERT_TRUE(progress->isVisible());
+    EXPECT_EQ(progress->operationInfoLabel()->text(), text("operationPreparingToCopyItems"));
     EXPECT_FALSE(controller->backUpNowBtn()->isEnabled());
     // The count runs in the background; its result is handled on this thread, after this cancel.
     controller->cancelCopying();
-    EXPECT_FALSE(controller->cancelCopyingBtn()->isEnabled());
-    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCanceling"));
+    EXPECT_FALSE(progress->cancelCopyingBtn()->isEnabled());
+    EXPECT_EQ(progress->operationInfoLabel()->text(), text("operationCanceling"));
     ASSERT_TRUE(runEventLoopUntil([&] { return finished.count() == 1; }));
     EXPECT_FALSE(fs::exists(home.dataHome() / "Pelmora"));
     EXPECT_EQ(controller->backups().count(), 0);
@@ -136,9 +137,9 @@ TEST_F(BackUpNowTest, CancelDuringTheCountLeavesNothingBehindAndDuringTheCopyRem
 
     controller->backUpNow();
     ASSERT_TRUE(runEventLoopUntil([&] { return controller->currentCountOfCopiedItems() == 1; }));
-    EXPECT_EQ(controller->operationInfoLabel()->text(), text("operationCopyingDataFromiCloud"));
-    EXPECT_GT(controller->copyingTotalProgressIndicator()->value(), 0);
-    EXPECT_EQ(controller->copyCountsLabel()->text(),
+    EXPECT_EQ(progress->operationInfoLabel()->text(), text("operationCopyingDataFromiCloud"));
+    EXPECT_GT(progress->copyingTotalProgressIndicator()->value(), 0);
+    EXPECT_EQ(progress->copyCountsLabel()->text(),
               text("formatStringCopyProgress")
                   .arg("1", "23",
                        ByteCountFormatter::stringFromByteCount(controller->currentSizeOfCopiedItems()),

@@ -24,7 +24,6 @@
 #include "ui/main/BackupsTableModel.h"
 #include "ui/quitapps/QuitAppsRequestWindowController.h"
 #include "ui_MainWindowController.h"
-#include "ui_OperationProgressWindow.h"
 
 #include <algorithm>
 #include <cmath>
@@ -35,9 +34,7 @@
 #include <QFileInfo>
 #include <QGraphicsDropShadowEffect>
 #include <QHeaderView>
-#include <QKeyEvent>
 #include <QMenu>
-#include <QProgressBar>
 #include <QScreen>
 #include <QShortcut>
 #include <QThread>
@@ -70,13 +67,11 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     : QMainWindow(parent)
     , m_services(std::move(services))
     , m_ui(std::make_unique<Ui::MainWindowController>())
-    , m_progressUi(std::make_unique<Ui::OperationProgressWindow>())
-    , m_operationProgressWindow(std::make_unique<QDialog>(this))
+    , m_operationProgressWindow(std::make_unique<OperationProgressWindow>(this))
     , m_backups(m_services.defaults)
     , m_alerts(std::make_unique<BackupAlerts>(m_services.alerts, m_services.defaults))
 {
     m_ui->setupUi(this);
-    m_progressUi->setupUi(m_operationProgressWindow.get());
     m_tableModel = new BackupsTableModel(
         {.numberOfRows = [this] { return numberOfRowsInTableView(); },
          .objectValue = [this](const QString& column,
@@ -91,9 +86,8 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     m_tableViewPlaceholderLabel->setWordWrap(true);
     m_tableViewPlaceholderLabel->setEnabled(false); // drawn in the disabled text colour, like a hint
     m_ui->backupsTable->viewport()->installEventFilter(this);
-    connect(m_progressUi->cancelCopyingBtn, &QPushButton::clicked, this, [this] { cancelCopying(); });
-    // A window that shows running work is not dismissed without cancelling it.
-    m_operationProgressWindow->installEventFilter(this);
+    connect(m_operationProgressWindow.get(), &OperationProgressWindow::cancelRequested, this,
+            [this] { cancelCopying(); });
     m_services.defaults.setWriteFailureObserver(
         [controller = QPointer<MainWindowController>(this)](const UserDefaults::WriteFailure& failure) {
             if (controller)
@@ -524,24 +518,7 @@ void MainWindowController::beginBackUp()
 void MainWindowController::showProgressWindow(const char* titleKey, const char* infoKey,
                                               const QWidget* centerOver)
 {
-    m_operationProgressWindow->setWindowTitle(localized(titleKey));
-    m_progressUi->operationInfoLabel->setText(localized(infoKey));
-    m_progressUi->cancelCopyingBtn->setText(Localizer::cancelButtonTitle());
-    m_progressUi->copyingTotalProgressIndicator->setRange(0, 0); // indeterminate, animating
-    m_progressUi->cancelCopyingBtn->setEnabled(true);
-    m_progressUi->copyCountsLabel->hide(); // shown once there are files to count
-    centerProgressWindow(centerOver);
-    m_operationProgressWindow->show();
-    m_operationProgressWindow->raise();
-    m_operationProgressWindow->activateWindow();
-}
-
-void MainWindowController::centerProgressWindow(const QWidget* over)
-{
-    const QRect main = over ? over->frameGeometry() : QRect();
-    const QRect progress = m_operationProgressWindow->frameGeometry();
-    m_operationProgressWindow->move(main.x() + main.width() / 2 - progress.width() / 2,
-                                    main.y() + main.height() / 2 - progress.height() / 2);
+    m_operationProgressWindow->start(localized(titleKey), localized(infoKey), centerOver);
 }
 
 void MainWindowController::setCopyButtonsEnabled(bool enabled)
@@ -555,28 +532,14 @@ void MainWindowController::connectRun(CopyOperation& run, const char* copyingKey
     connect(&run, &CopyOperation::progressChanged, this, [this] { showCopyProgress(); });
     connect(&run, &CopyOperation::copyingStarted, this, [this, copyingKey] {
         showCopyProgress();
-        m_progressUi->operationInfoLabel->setText(localized(copyingKey));
-        m_progressUi->copyCountsLabel->show();
+        m_operationProgressWindow->showCopying(localized(copyingKey));
     });
 }
 
-// The bar counts in bytes, scaled into the range a progress bar holds. It may end below its maximum:
-// skipped and already existing files add nothing.
 void MainWindowController::showCopyProgress()
 {
-    constexpr int kSteps = 1000000;
-    const std::uint64_t total = totalSizeOfItemsToCopy();
-    const std::uint64_t copied = currentSizeOfCopiedItems();
-    QProgressBar* bar = m_progressUi->copyingTotalProgressIndicator;
-    bar->setRange(0, kSteps);
-    const double fraction = total == 0 ? 0.0 : static_cast<double>(copied) / static_cast<double>(total);
-    bar->setValue(static_cast<int>(std::min(1.0, fraction) * kSteps));
-    const QLocale locale;
-    m_progressUi->copyCountsLabel->setText(localized("formatStringCopyProgress")
-                                               .arg(locale.toString(currentCountOfCopiedItems()),
-                                                    locale.toString(totalCountOfItemsToCopy()),
-                                                    ByteCountFormatter::stringFromByteCount(copied),
-                                                    ByteCountFormatter::stringFromByteCount(total)));
+    m_operationProgressWindow->showProgress(currentCountOfCopiedItems(), totalCountOfItemsToCopy(),
+                                            currentSizeOfCopiedItems(), totalSizeOfItemsToCopy());
 }
 
 void MainWindowController::finishBackUp()
@@ -809,9 +772,7 @@ void MainWindowController::showInFinder()
 
 void MainWindowController::cancelCopying()
 {
-    m_progressUi->cancelCopyingBtn->setEnabled(false);
-    m_progressUi->operationInfoLabel->setText(localized("operationCanceling"));
-    m_progressUi->copyingTotalProgressIndicator->setRange(0, 0);
+    m_operationProgressWindow->showCanceling();
     if (m_backUpRun && !m_backUpRun->hasEnded())
         m_backUpRun->cancel();
     if (m_restoreRun && !m_restoreRun->hasEnded())
@@ -821,7 +782,7 @@ void MainWindowController::cancelCopying()
 void MainWindowController::stopForQuit()
 {
     cancelCopying();
-    m_quitting = true; // from now on the progress window may close with the program
+    m_operationProgressWindow->allowClosing(); // it closes with the program from now on
     m_stopMeasures->store(true);
     if (m_backUpRun && !m_backUpRun->hasEnded())
         m_backUpRun->abandonAndRemoveFolder(kQuitWait, isRecorded(m_backUpRun->backupFolder()));
@@ -877,22 +838,8 @@ void MainWindowController::placePlaceholder()
     m_tableViewPlaceholderLabel->setGeometry(viewport->rect().adjusted(24, 0, -24, 0));
 }
 
-// Escape and the window's close button, which would hide the window and leave the work running.
-static bool dismissesProgressWindow(QEvent* event)
-{
-    if (event->type() == QEvent::Close)
-        return true;
-    return event->type() == QEvent::KeyPress && static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape;
-}
-
 bool MainWindowController::eventFilter(QObject* watched, QEvent* event)
 {
-    if (watched == m_operationProgressWindow.get() && !m_quitting && dismissesProgressWindow(event)) {
-        if (m_progressUi->cancelCopyingBtn->isEnabled())
-            cancelCopying();
-        event->ignore();
-        return true;
-    }
     if (watched == m_ui->backupsTable->viewport() && event->type() == QEvent::Resize)
         placePlaceholder();
     return QMainWindow::eventFilter(watched, event);
@@ -931,20 +878,4 @@ QPushButton* MainWindowController::restoreFromBackupBtn() const
 QPushButton* MainWindowController::backUpNowBtn() const
 {
     return m_ui->backUpNowBtn;
-}
-QLabel* MainWindowController::operationInfoLabel() const
-{
-    return m_progressUi->operationInfoLabel;
-}
-QProgressBar* MainWindowController::copyingTotalProgressIndicator() const
-{
-    return m_progressUi->copyingTotalProgressIndicator;
-}
-QPushButton* MainWindowController::cancelCopyingBtn() const
-{
-    return m_progressUi->cancelCopyingBtn;
-}
-QLabel* MainWindowController::copyCountsLabel() const
-{
-    return m_progressUi->copyCountsLabel;
 }

@@ -4,6 +4,7 @@
 #include "operations/RestoreOperation.h"
 #include "store/BackupStore.h"
 #include "ui/main/CustomTableView.h"
+#include "ui/main/OperationProgressWindow.h"
 #include "watch/SCEvents.h"
 
 #include <atomic>
@@ -25,17 +26,14 @@ class FolderChooser;
 class PasswordDatabase;
 class QuitAppsRequestWindowController;
 class QAction;
-class QDialog;
 class QLabel;
 class QMenu;
-class QProgressBar;
 class QPushButton;
 class RunningApplications;
 class UserDefaults;
 
 namespace Ui {
 class MainWindowController;
-class OperationProgressWindow;
 } // namespace Ui
 
 // The one main window: the iCloud folder's size, the backups table with its buttons and context menu,
@@ -159,11 +157,7 @@ public:
     QPushButton* showInFinderBtn() const;
     QPushButton* restoreFromBackupBtn() const;
     QPushButton* backUpNowBtn() const;
-    QDialog* operationProgressWindow() const { return m_operationProgressWindow.get(); }
-    QLabel* operationInfoLabel() const;
-    QProgressBar* copyingTotalProgressIndicator() const;
-    QPushButton* cancelCopyingBtn() const;
-    QLabel* copyCountsLabel() const;
+    OperationProgressWindow* operationProgressWindow() const { return m_operationProgressWindow.get(); }
 
 signals:
     // Something a command's enabled state depends on has changed: the selection, the list of backups, a
@@ -210,7 +204,6 @@ private:
     std::unique_ptr<QuitAppsRequestWindowController> makeQuitAppsRequest();
     void beginBackUp();
     void showProgressWindow(const char* titleKey, const char* infoKey, const QWidget* centerOver);
-    void centerProgressWindow(const QWidget* over);
     void setCopyButtonsEnabled(bool enabled);
     void connectRun(CopyOperation& run, const char* copyingKey);
     void showCopyProgress();
@@ -229,8 +222,7 @@ private:
 
     Services m_services;
     std::unique_ptr<Ui::MainWindowController> m_ui;
-    std::unique_ptr<Ui::OperationProgressWindow> m_progressUi;
-    std::unique_ptr<QDialog> m_operationProgressWindow;
+    std::unique_ptr<OperationProgressWindow> m_operationProgressWindow;
     QLabel* m_tableViewPlaceholderLabel = nullptr;
     BackupsTableModel* m_tableModel = nullptr;
     bool m_windowLoaded = false;
@@ -243,7 +235,6 @@ private:
     // Folders whose record is in the list but not yet on disk: their mark stays until a write succeeds.
     QStringList m_unsavedRecordFolders;
     bool m_toldAboutPreferences = false;
-    bool m_quitting = false;
     // Read by the measures of the iCloud folder, so that quitting does not wait for one to finish.
     std::shared_ptr<std::atomic<bool>> m_stopMeasures = std::make_shared<std::atomic<bool>>(false);
     bool m_calculatingiCloudSize = false;
