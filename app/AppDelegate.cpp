@@ -16,7 +16,6 @@
 #include <QDir>
 #include <QMenuBar>
 #include <QMessageBox>
-#include <QThread>
 #include <QUrl>
 
 AppDelegate::AppDelegate(Services services, QObject* parent)
@@ -83,11 +82,7 @@ void AppDelegate::createMainWindow()
 // watcher, so the folder it watches is the one set up first.
 void AppDelegate::startWithHomeDirectory()
 {
-    MainWindowController& controller = *m_mainWindowController;
-    controller.setMobileDocumentsDirectory(HomeFolderAcquisition::mobileDocumentsDirectory(*m_homeDirectory));
-    controller.folderEvents()->startWatchingPaths({*controller.mobileDocumentsDirectory()},
-                                                  QThread::currentThread());
-    controller.setiCloudSize();
+    m_mainWindowController->useHomeDirectory(*m_homeDirectory);
 }
 
 void AppDelegate::observeWindowClose()

@@ -3,7 +3,6 @@
 #include "engine/UnfinishedMark.h"
 #include "Helpers/BundleInfo.h"
 #include "Helpers/CocoaAdditions.h"
-#include "Helpers/DirectoryUtility.h"
 #include "operations/Background.h"
 #include "operations/BackupRemoval.h"
 #include "operations/Logging.h"
@@ -37,7 +36,6 @@
 #include <QMenu>
 #include <QScreen>
 #include <QShortcut>
-#include <QThread>
 #include <sys/stat.h>
 #include <utility>
 
@@ -69,6 +67,7 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     , m_ui(std::make_unique<Ui::MainWindowController>())
     , m_operationProgressWindow(std::make_unique<OperationProgressWindow>(this))
     , m_backups(m_services.defaults)
+    , m_folderSize(std::make_unique<FolderSizeWatch>(m_services.streamFactory))
     , m_alerts(std::make_unique<BackupAlerts>(m_services.alerts, m_services.defaults))
 {
     m_ui->setupUi(this);
@@ -88,6 +87,9 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
     m_ui->backupsTable->viewport()->installEventFilter(this);
     connect(m_operationProgressWindow.get(), &OperationProgressWindow::cancelRequested, this,
             [this] { cancelCopying(); });
+    connect(m_folderSize.get(), &FolderSizeWatch::folderChanged, this, [this] { setiCloudSize(); });
+    connect(m_folderSize.get(), &FolderSizeWatch::measured, this,
+            [this](std::uint64_t size) { finishiCloudSizeCalculation(size); });
     m_services.defaults.setWriteFailureObserver(
         [controller = QPointer<MainWindowController>(this)](const UserDefaults::WriteFailure& failure) {
             if (controller)
@@ -98,7 +100,7 @@ MainWindowController::MainWindowController(Services services, QWidget* parent)
 MainWindowController::~MainWindowController()
 {
     // Nothing at teardown waits for a long walk or copy to run its course.
-    m_stopMeasures->store(true);
+    m_folderSize->stopMeasuring();
     if (m_backUpRun)
         m_backUpRun->abandon();
     if (m_restoreRun)
@@ -162,7 +164,6 @@ void MainWindowController::resetOperationState()
 {
     setICloudBeingRestored(false);
     setICloudBackingUp(false);
-    m_calculatingiCloudSize = false;
 }
 
 void MainWindowController::setICloudBackingUp(bool running)
@@ -236,11 +237,8 @@ void MainWindowController::localizeTexts()
 
 void MainWindowController::startWatchingiCloudFolder()
 {
-    m_folderEvents = m_services.streamFactory ? std::make_unique<SCEvents>(m_services.streamFactory)
-                                              : std::make_unique<SCEvents>();
-    m_folderEvents->setDelegate(this);
     if (m_mobileDocumentsDirectory)
-        m_folderEvents->startWatchingPaths({*m_mobileDocumentsDirectory}, QThread::currentThread());
+        m_folderSize->watch(*m_mobileDocumentsDirectory);
 }
 
 int MainWindowController::numberOfRowsInTableView() const
@@ -340,11 +338,6 @@ void MainWindowController::performAction(Action action)
     }
 }
 
-void MainWindowController::pathWatcherEventOccurred(SCEvents*, const std::shared_ptr<SCEvent>&)
-{
-    setiCloudSize();
-}
-
 int MainWindowController::calculateCountOfRunningAppsThatUseiCloud() const
 {
     return static_cast<int>(
@@ -369,26 +362,17 @@ void MainWindowController::setLastBackupInfo()
 
 void MainWindowController::setiCloudSize()
 {
-    if (m_calculatingiCloudSize)
-        return; // dropped, not queued: the running measure sees the folder as it is now
+    if (m_folderSize->isMeasuring())
+        return;
     if (!m_mobileDocumentsDirectory) {
         m_ui->labeliCloudSize->setText(QStringLiteral("?"));
         return;
     }
-    m_calculatingiCloudSize = true;
-    const std::string path = QFile::encodeName(*m_mobileDocumentsDirectory).toStdString();
-    std::shared_ptr<std::atomic<bool>> stop = m_stopMeasures;
-    runInBackground(
-        this,
-        [path, stop] {
-            return DirectoryUtility::sizeForDirectoryAtPath(path, nullptr, stop.get()).totalSize;
-        },
-        [this](std::uint64_t size) { finishiCloudSizeCalculation(size); });
+    m_folderSize->measure(*m_mobileDocumentsDirectory);
 }
 
 void MainWindowController::finishiCloudSizeCalculation(std::uint64_t totalSize)
 {
-    m_calculatingiCloudSize = false;
     m_ui->labeliCloudSize->setText(ByteCountFormatter::stringFromByteCount(totalSize));
     restyleSizeLabel(m_ui->labelCurrentlyIniCloud);
     restyleSizeLabel(m_ui->labeliCloudSize);
@@ -457,7 +441,7 @@ bool MainWindowController::askForHomeDirectory()
 void MainWindowController::useHomeDirectory(const QString& home)
 {
     setMobileDocumentsDirectory(HomeFolderAcquisition::mobileDocumentsDirectory(home));
-    m_folderEvents->startWatchingPaths({*m_mobileDocumentsDirectory}, QThread::currentThread());
+    m_folderSize->watch(*m_mobileDocumentsDirectory);
     setiCloudSize();
 }
 
@@ -783,7 +767,7 @@ void MainWindowController::stopForQuit()
 {
     cancelCopying();
     m_operationProgressWindow->allowClosing(); // it closes with the program from now on
-    m_stopMeasures->store(true);
+    m_folderSize->stopMeasuring();
     if (m_backUpRun && !m_backUpRun->hasEnded())
         m_backUpRun->abandonAndRemoveFolder(kQuitWait, isRecorded(m_backUpRun->backupFolder()));
     if (m_restoreRun && !m_restoreRun->hasEnded()) {

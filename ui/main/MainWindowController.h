@@ -4,6 +4,7 @@
 #include "operations/RestoreOperation.h"
 #include "store/BackupStore.h"
 #include "ui/main/CustomTableView.h"
+#include "ui/main/FolderSizeWatch.h"
 #include "ui/main/OperationProgressWindow.h"
 #include "watch/SCEvents.h"
 
@@ -39,9 +40,7 @@ class MainWindowController;
 // The one main window: the iCloud folder's size, the backups table with its buttons and context menu,
 // the last-backup line, and the progress window that copies use. It also holds the state the backup
 // operations share and the watcher of the iCloud folder, whose every event re-measures the folder.
-class MainWindowController : public QMainWindow,
-                             public CustomTableViewDelegate,
-                             public SCEventListenerProtocol {
+class MainWindowController : public QMainWindow, public CustomTableViewDelegate {
     Q_OBJECT
 
 public:
@@ -88,13 +87,15 @@ public:
     void setICloudBackingUp(bool running);
     bool isiCloudBeingRestored() const { return m_iCloudBeingRestored; }
     void setICloudBeingRestored(bool running);
-    bool isCalculatingiCloudSizeInProgress() const { return m_calculatingiCloudSize; }
+    bool isCalculatingiCloudSizeInProgress() const { return m_folderSize->isMeasuring(); }
 
     const std::optional<QString>& mobileDocumentsDirectory() const { return m_mobileDocumentsDirectory; }
     void setMobileDocumentsDirectory(const std::optional<QString>& path);
+    // The iCloud folder of `home` from now on: watched (unless the watcher runs already) and measured.
+    void useHomeDirectory(const QString& home);
     BackupStore& backups() { return m_backups; }
     const BackupStore& backups() const { return m_backups; }
-    SCEvents* folderEvents() const { return m_folderEvents.get(); }
+    SCEvents* folderEvents() const { return m_folderSize->events(); }
     const QString& iCloudBackupDirectory() const { return m_iCloudBackupDirectory; }
     // The counters of the run under way, or of the last one.
     std::uint64_t totalSizeOfItemsToCopy() const
@@ -140,7 +141,6 @@ public:
 
     QMenu* contextualMenuForTableView(CustomTableView* table, int row) override;
     bool validateMenuItem(const QAction* item) const;
-    void pathWatcherEventOccurred(SCEvents* pathWatcher, const std::shared_ptr<SCEvent>& event) override;
 
     int calculateCountOfRunningAppsThatUseiCloud() const;
     void setiCloudSize();
@@ -199,7 +199,6 @@ private:
     QAction* addMenuItem(QMenu* menu, const QString& titleKey, Action action, const QKeySequence& shortcut,
                          int row);
     bool askForHomeDirectory();
-    void useHomeDirectory(const QString& home);
     void showQuitAppsRequest(int tag, const char* windowTitleKey, const char* buttonTitleKey);
     std::unique_ptr<QuitAppsRequestWindowController> makeQuitAppsRequest();
     void beginBackUp();
@@ -235,12 +234,9 @@ private:
     // Folders whose record is in the list but not yet on disk: their mark stays until a write succeeds.
     QStringList m_unsavedRecordFolders;
     bool m_toldAboutPreferences = false;
-    // Read by the measures of the iCloud folder, so that quitting does not wait for one to finish.
-    std::shared_ptr<std::atomic<bool>> m_stopMeasures = std::make_shared<std::atomic<bool>>(false);
-    bool m_calculatingiCloudSize = false;
     std::optional<QString> m_mobileDocumentsDirectory;
     BackupStore m_backups;
-    std::unique_ptr<SCEvents> m_folderEvents;
+    std::unique_ptr<FolderSizeWatch> m_folderSize;
     QString m_iCloudBackupDirectory;
     std::function<void()> m_showBackupInfo;
     std::unique_ptr<BackupAlerts> m_alerts;
