@@ -284,6 +284,12 @@ TEST_F(AppDelegateTest, QuittingRemovesOnlyTheFolderTheRunUnderWayMadeOnceItsCop
     EXPECT_FALSE(fs::exists(unfinished));
     EXPECT_FALSE(fs::exists(UnfinishedMark::pathFor(unfinished)));
     EXPECT_TRUE(QFileInfo(recorded).isDir());
+    // The progress window, which Escape and its close button only cancel from, now goes with the program.
+    OperationProgressWindow* progress = controller->operationProgressWindow();
+    ASSERT_TRUE(progress->isVisible());
+    QTest::keyClick(progress, Qt::Key_Escape);
+    EXPECT_FALSE(progress->isVisible());
+    EXPECT_TRUE(progress->close());
 }
 
 TEST_F(AppDelegateTest, ASecondStartShowsTheHiddenMainWindow)

@@ -362,13 +362,10 @@ void MainWindowController::setLastBackupInfo()
 
 void MainWindowController::setiCloudSize()
 {
-    if (m_folderSize->isMeasuring())
-        return;
-    if (!m_mobileDocumentsDirectory) {
+    if (m_mobileDocumentsDirectory)
+        m_folderSize->measure(*m_mobileDocumentsDirectory);
+    else if (!m_folderSize->isMeasuring())
         m_ui->labeliCloudSize->setText(QStringLiteral("?"));
-        return;
-    }
-    m_folderSize->measure(*m_mobileDocumentsDirectory);
 }
 
 void MainWindowController::finishiCloudSizeCalculation(std::uint64_t totalSize)
